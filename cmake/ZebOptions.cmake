@@ -1,0 +1,19 @@
+# Two interface targets carry the flags: zeb_warnings for every target of ours, zeb_hardening for what ships.
+find_package(Threads REQUIRED)
+
+add_library(zeb_warnings INTERFACE)
+target_compile_options(zeb_warnings INTERFACE
+  -Wall -Wextra -Wshadow -Wvla -Wpointer-arith -Wcast-align
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+  $<$<BOOL:${ZEB_WERROR}>:-Werror>)
+
+add_library(zeb_hardening INTERFACE)
+target_compile_options(zeb_hardening INTERFACE
+  -fstack-protector-strong -fstack-clash-protection
+  $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:${ZEB_SANITIZE},>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+target_link_options(zeb_hardening INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
+if(ZEB_SANITIZE)
+  add_compile_options(-fsanitize=${ZEB_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ZEB_SANITIZE})
+endif()
