@@ -1,0 +1,60 @@
+/* What the daemon writes to clients: the connect reply, status replies, and events.
+ *
+ * An event that goes to many subscribers is encoded once. Only the subscriber identifier differs between the
+ * receivers, so an outgoing item is the shared encoding plus that number, and a queue holds one pointer and a
+ * few octets per receiver. All texts are complete as built here; whoever queues an item writes it unchanged.
+ */
+#pragma once
+
+#include "message.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace zebd
+{
+
+/* One event ready for any number of receivers. The wire has: before, identifier, after, body. */
+struct encoded_event {
+    std::string before;    /* up to and including "SubscriberID: " */
+    std::string after;     /* from the line end behind the identifier to the empty line */
+    std::string_view body; /* inside `source` */
+    std::shared_ptr<const event> source;
+};
+
+/* Either a text of its own, or an event for the subscriber named by `text`. */
+struct outgoing {
+    std::shared_ptr<const encoded_event> shared;
+    std::string text;
+};
+
+constexpr size_t outgoing_pieces = 4;
+
+/* The octets of ITEM in the order of the wire; some pieces may be empty. They live as long as ITEM. */
+std::array<std::string_view, outgoing_pieces> outgoing_bytes(const outgoing &item);
+size_t outgoing_size(const outgoing &item);
+
+/* Encodes a broadcast event: the header lines as the publisher sent them, with the two times put in and the
+ * address list left out. */
+std::shared_ptr<const encoded_event> encode_event(std::shared_ptr<const event> source, int64_t deliveredAt);
+
+outgoing outgoing_event(std::shared_ptr<const encoded_event> shared, int32_t subscriber);
+
+/* Answers a subscribe message. WORDS is one line and never empty: a client that is refused copies it. */
+outgoing outgoing_status(int32_t subscriber, bool success, std::string_view words);
+
+/* What the connect reply tells about this daemon. */
+struct daemon_identity {
+    std::string version, node, instance;
+    uint64_t incarnation = 0; /* differs from start to start */
+};
+
+/* Nine lines and an empty one. The third decides for the client and the ninth names the instance; the others
+ * are for people and tools. REFUSAL is empty on success. */
+outgoing outgoing_connect_reply(const daemon_identity &identity, uint64_t connection,
+                                std::string_view refusal);
+
+} // namespace zebd
