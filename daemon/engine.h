@@ -1,0 +1,97 @@
+/* The engine: who subscribes to what, and where an event goes. It knows connections only as numbers and
+ * writes only through its outlet, so it runs without a socket.
+ *
+ * Its seam has four calls, the same for everything that can stand behind it, local clients or one day other
+ * hosts: `up` and `down` for subscribers that come and go, `publish` for an event for whomever it concerns,
+ * `send_to` for an event to receivers that are known.
+ *
+ * The outlet must not call back into the engine: it queues and returns. One thread. */
+#pragma once
+
+#include "index.h"
+#include "message.h"
+#include "outgoing.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace zebd
+{
+
+using connection_id = uint64_t;
+
+struct outlet {
+    void *context = nullptr;
+    void (*send)(void *context, connection_id to, outgoing item) = nullptr;
+};
+
+struct engine_limits {
+    language_limits language;
+    size_t subscribers = 100000; /* of one connection */
+    size_t streams = 1024;       /* open streams of one connection */
+};
+
+/* A registered subscriber. Its serial is never used again: a subscriber that registers anew under the same
+ * identifier is another one. */
+struct subscriber {
+    uint64_t serial = 0;
+    connection_id connection = 0;
+    subscribe_request request;
+};
+
+struct engine_connection {
+    std::map<int32_t, uint64_t> subscribers; /* identifier to serial */
+    /* Open streams published here: stream key to the serials that got the head. */
+    std::unordered_map<std::string, std::vector<uint64_t>> streams;
+};
+
+struct engine_counters {
+    uint64_t taken = 0;          /* events that came in */
+    uint64_t delivered = 0;      /* event copies handed to the outlet */
+    uint64_t unroutable = 0;     /* without destination, of a class that is never broadcast */
+    uint64_t addressGone = 0;    /* destinations of directed events that could not be found */
+    uint64_t streamsRefused = 0; /* pieces dropped because too many streams were open */
+    uint64_t subscribersRefused = 0;
+};
+
+struct engine {
+    outlet out;
+    int64_t (*now)() = nullptr; /* milliseconds since 1970 */
+    engine_limits limits;
+
+    uint64_t lastSerial = 0;
+    std::unordered_map<uint64_t, subscriber> subscribers;             /* by serial */
+    std::unordered_map<connection_id, engine_connection> connections; /* those with subscribers or streams */
+    subscription_index index;
+    engine_counters counters;
+    std::vector<uint64_t> receivers;       /* of the event at hand; kept for its room */
+    std::vector<property_view> properties; /* likewise */
+};
+
+/* Registers a subscriber of CONNECTION, in place of one with the same identifier. Returns false when it is
+ * refused; WHY then says so in one line. A refused one is not registered, nor is what it was to replace. */
+bool engine_up(engine &engine, connection_id connection, subscribe_request request, std::string &why);
+
+/* Forgets one subscriber of CONNECTION; an unknown one is ignored, since clients may unsubscribe twice. */
+void engine_down(engine &engine, connection_id connection, int32_t id);
+
+/* Forgets everything of CONNECTION. */
+void engine_connection_gone(engine &engine, connection_id connection);
+
+/* Routes an event without destination addresses that CONNECTION published: to every subscriber whose
+ * subscription matches, also on the same connection; a piece of a stream to those that got its head. */
+void engine_publish(engine &engine, connection_id connection, const std::shared_ptr<const event> &what);
+
+/* Hands an event to the given subscribers, in this order; those that are gone are counted. */
+void engine_send_to(engine &engine, const std::shared_ptr<const event> &what,
+                    std::span<const uint64_t> receivers);
+
+/* Takes an event from CONNECTION and routes it, directed or not. */
+void engine_take(engine &engine, connection_id connection, const std::shared_ptr<const event> &what);
+
+} // namespace zebd

@@ -1,0 +1,285 @@
+/* Routing without sockets: who gets an event, in which order, encoded how often. */
+#include "recorder.h"
+#include "wire.h"
+
+#include <gtest/gtest.h>
+
+using namespace zebd;
+
+namespace
+{
+
+struct Engine : testing::Test {
+    recorder out;
+    engine routing = engineWith(out);
+
+    bool up(connection_id connection, int32_t id, const std::string &text,
+            const std::string &interest = "null")
+    {
+        subscribe_request request;
+        request.id = id;
+        request.subscription = text;
+        request.interest = interest;
+        return engine_up(routing, connection, request, refusal);
+    }
+
+    void take(connection_id from, std::string_view text)
+    {
+        message_reader reader;
+        message_reader_feed(reader, wire::connect);
+        message_reader_feed(reader, text);
+        message what;
+        ASSERT_EQ(message_reader_next(reader, what), read_result::complete);
+        ASSERT_EQ(message_reader_next(reader, what), read_result::complete) << reader.error;
+        const auto taken = std::get<std::shared_ptr<event>>(what);
+        taken->takenAt = 1111;
+        engine_take(routing, from, taken);
+    }
+
+    /* "connection:subscriber" of everything handed out since the last call, in connection order. */
+    std::string receivers()
+    {
+        std::string text;
+        for (const auto &[connection, items] : out.sent)
+            for (const std::string &item : items) {
+                const size_t at = item.find("SubscriberID: ") + 14;
+                text += (text.empty() ? "" : " ") + std::to_string(connection) + ":" +
+                        item.substr(at, item.find('\r', at) - at);
+            }
+        out.sent.clear();
+        return text;
+    }
+
+    std::string refusal;
+};
+
+TEST_F(Engine, AnEventGoesToEverySubscriberThatMatches)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    ASSERT_TRUE(up(2, 1, "/app/disk/full"));
+    ASSERT_TRUE(up(2, 2, "/app/**"));
+    ASSERT_TRUE(up(3, 1, "/other"));
+    ASSERT_TRUE(up(3, 2, "\"sev>=3\""));
+    take(9, wire::messageEvent);
+    EXPECT_EQ(receivers(), "1:1 2:1 2:2 3:2");
+    EXPECT_EQ(routing.counters.delivered, 4U);
+}
+
+TEST_F(Engine, AnEventAlsoGoesToSubscribersOnItsOwnConnection)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    take(1, wire::messageEvent);
+    EXPECT_EQ(receivers(), "1:1");
+}
+
+TEST_F(Engine, ANullSubscriptionGetsNoBroadcast)
+{
+    ASSERT_TRUE(up(1, 1, "null"));
+    take(2, wire::messageEvent);
+    take(2, wire::streamPiece);
+    EXPECT_EQ(receivers(), "");
+}
+
+TEST_F(Engine, EveryEventFieldCanBeSubscribedTo)
+{
+    int32_t id = 0;
+    for (const char *text :
+         {"\"@type=/app/disk/full\"", "\"@class=MessageNotification\"", "\"@id=node1:911\"",
+          "\"@component=storage\"", "\"@node=node1\"", "\"@process=node1:9\"", "\"@instance=east\"",
+          "\"@affectedComponents=db\"", "\"@affectedNodes=n1 n2\"", "\"@local=true\"", "\"note=\""})
+        ASSERT_TRUE(up(1, ++id, text)) << refusal;
+    take(2, wire::messageEvent);
+    EXPECT_EQ(out.sent[1].size(), 11U);
+}
+
+TEST_F(Engine, ADeliveredEventNamesOneSubscriberAndCarriesBothTimes)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    take(2, wire::messageEvent);
+    const std::vector<std::string> expected = {std::string(wire::messageEventDelivered)};
+    EXPECT_EQ(out.drain(1), expected);
+}
+
+TEST_F(Engine, AnEventIsEncodedOnceForAllReceivers)
+{
+    for (connection_id connection = 1; connection <= 5; connection++)
+        ASSERT_TRUE(up(connection, 1, "/app/**"));
+    take(9, wire::messageEvent);
+    ASSERT_EQ(out.encodings.size(), 5U);
+    for (const auto &encoding : out.encodings)
+        EXPECT_EQ(encoding, out.encodings[0]);
+}
+
+TEST_F(Engine, EventsReachAReceiverInTheOrderOfSending)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    for (int i = 0; i < 50; i++)
+        take(2, wire::with(wire::messageEvent, "node1:911", "number " + std::to_string(i)));
+    ASSERT_EQ(out.sent[1].size(), 50U);
+    for (size_t i = 0; i < 50; i++)
+        EXPECT_NE(out.sent[1][i].find("eventId: number " + std::to_string(i) + "\r\n"), std::string::npos);
+}
+
+TEST_F(Engine, OnlyMessagesAndStreamPiecesAreBroadcast)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    for (const char *name : {"MembershipListNotification", "MembershipDeltaNotification",
+                             "StateGetNotification", "StateSetNotification", "LeaveGroupNotification"})
+        take(2, wire::with(wire::with(wire::stateEvent, "StateSetNotification", name), "AddrList-Length: 4",
+                           "AddrList-Length: 0"));
+    take(2, wire::with(wire::bareEvent, "MessageNotification", "OutgoingStreamingNotification"));
+    EXPECT_EQ(receivers(), "");
+    EXPECT_EQ(routing.counters.unroutable, 6U);
+}
+
+TEST_F(Engine, AnEventWithDestinationsIsNeverBroadcast)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    take(2, wire::stateEvent);
+    take(2, wire::with(wire::messageEvent, "AddrList-Length: 0\r\n\r\nhe\r\nl",
+                       "AddrList-Length: 4\r\n\r\nhe\r\nlADDR"));
+    EXPECT_EQ(receivers(), "");
+    EXPECT_EQ(routing.counters.addressGone, 2U);
+}
+
+TEST_F(Engine, ASubscriberThatIsDownGetsNothing)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    ASSERT_TRUE(up(1, 2, ""));
+    engine_down(routing, 1, 1);
+    engine_down(routing, 1, 1);
+    engine_down(routing, 7, 1);
+    take(2, wire::messageEvent);
+    EXPECT_EQ(receivers(), "1:2");
+}
+
+TEST_F(Engine, AConnectionThatIsGoneTakesItsSubscribersAlong)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    ASSERT_TRUE(up(1, 2, "/app/**"));
+    ASSERT_TRUE(up(2, 1, ""));
+    engine_connection_gone(routing, 1);
+    take(3, wire::messageEvent);
+    EXPECT_EQ(receivers(), "2:1");
+    EXPECT_EQ(routing.subscribers.size(), 1U);
+    EXPECT_EQ(routing.index.entries.size(), 1U);
+}
+
+TEST_F(Engine, SubscribingAgainReplacesTheSubscription)
+{
+    ASSERT_TRUE(up(1, 1, "/app/**"));
+    ASSERT_TRUE(up(1, 1, "/other"));
+    take(2, wire::messageEvent);
+    EXPECT_EQ(receivers(), "");
+    ASSERT_TRUE(up(1, 1, ""));
+    take(2, wire::messageEvent);
+    EXPECT_EQ(receivers(), "1:1");
+}
+
+TEST_F(Engine, ARefusedTextSaysCodeOffsetAndWhichTextItWas)
+{
+    EXPECT_FALSE(up(1, 1, "(\"@tpye=x\")"));
+    EXPECT_EQ(refusal, "E_FIELD 2 no such field here (subscription)");
+    EXPECT_FALSE(up(1, 1, "", "/x"));
+    EXPECT_EQ(refusal, "E_START 0 expected \"name...\", ( or ! (membership interest)");
+    EXPECT_EQ(routing.counters.subscribersRefused, 2U);
+}
+
+/* The client has been told no, so the subscription it meant to replace must not go on either. */
+TEST_F(Engine, ARefusedReplacementEndsWhatItWasToReplace)
+{
+    ASSERT_TRUE(up(1, 1, ""));
+    EXPECT_FALSE(up(1, 1, "("));
+    take(2, wire::messageEvent);
+    EXPECT_EQ(receivers(), "");
+}
+
+TEST_F(Engine, SubscribersOfOneConnectionAreLimited)
+{
+    routing.limits.subscribers = 2;
+    ASSERT_TRUE(up(1, 1, ""));
+    ASSERT_TRUE(up(1, 2, ""));
+    EXPECT_FALSE(up(1, 3, ""));
+    EXPECT_EQ(refusal, "E_LIMIT 0 too many subscribers on this connection");
+    EXPECT_TRUE(up(1, 2, "/replaced"));
+    EXPECT_TRUE(up(2, 1, ""));
+}
+
+/* ---- Streams ---- */
+
+std::string piece(const std::string &body, const std::string &type = "/log",
+                  const std::string &key = "node1:911")
+{
+    std::string text = wire::with(wire::streamPiece, "eventType: /log", "eventType: " + type);
+    text = wire::with(text, "streamKey: node1:911", "streamKey: " + key);
+    return wire::with(text, "Content-Length: 3\r\nAddrList-Length: 0\r\n\r\nabc",
+                      "Content-Length: " + std::to_string(body.size()) + "\r\nAddrList-Length: 0\r\n\r\n" +
+                          body);
+}
+
+TEST_F(Engine, PiecesOfAStreamGoToThoseThatGotItsHead)
+{
+    ASSERT_TRUE(up(1, 1, "/log"));
+    take(9, piece("head"));
+    EXPECT_EQ(receivers(), "1:1");
+    ASSERT_TRUE(up(2, 1, ""));
+    take(9, piece("more", "/matches/nobody/but/the/late/one"));
+    EXPECT_EQ(receivers(), "1:1");
+    take(9, piece(""));
+    EXPECT_EQ(receivers(), "1:1");
+    take(9, piece("a new head"));
+    EXPECT_EQ(receivers(), "1:1 2:1");
+}
+
+TEST_F(Engine, AStreamKeyIsKnownPerConnection)
+{
+    ASSERT_TRUE(up(1, 1, "/log"));
+    take(8, piece("head"));
+    take(9, piece("head of another", "/other"));
+    EXPECT_EQ(receivers(), "1:1");
+}
+
+TEST_F(Engine, AReplacedSubscriberGetsNoPiecesOfAStreamItDidNotSeeBegin)
+{
+    ASSERT_TRUE(up(1, 1, "/log"));
+    take(9, piece("head"));
+    ASSERT_TRUE(up(1, 1, "/log"));
+    take(9, piece("more"));
+    EXPECT_EQ(receivers(), "1:1");
+    EXPECT_EQ(routing.counters.addressGone, 1U);
+}
+
+TEST_F(Engine, AStreamWithoutContentLeavesNothingBehind)
+{
+    ASSERT_TRUE(up(1, 1, "/log"));
+    take(9, piece(""));
+    EXPECT_EQ(receivers(), "1:1");
+    EXPECT_TRUE(routing.connections[9].streams.empty());
+}
+
+TEST_F(Engine, OpenStreamsOfOneConnectionAreLimited)
+{
+    routing.limits.streams = 1;
+    ASSERT_TRUE(up(1, 1, ""));
+    take(9, piece("first", "/log", "k1"));
+    take(9, piece("refused", "/log", "k2"));
+    take(9, piece("first goes on", "/log", "k1"));
+    EXPECT_EQ(receivers(), "1:1 1:1");
+    EXPECT_EQ(routing.counters.streamsRefused, 1U);
+}
+
+/* ---- Interning ---- */
+
+TEST_F(Engine, EqualSubscriptionsShareOneEntryOfTheIndex)
+{
+    ASSERT_TRUE(up(1, 1, "(\"a=1\")|(\"b=2\")"));
+    ASSERT_TRUE(up(2, 1, "\"b=2\" | \"a=1\""));
+    EXPECT_EQ(routing.index.entries.size(), 1U);
+    engine_down(routing, 1, 1);
+    EXPECT_EQ(routing.index.entries.size(), 1U);
+    engine_down(routing, 2, 1);
+    EXPECT_TRUE(routing.index.entries.empty());
+    EXPECT_TRUE(routing.index.filed.empty());
+}
+
+} // namespace
