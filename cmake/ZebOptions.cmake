@@ -9,8 +9,10 @@ target_compile_options(zeb_warnings INTERFACE
 
 add_library(zeb_hardening INTERFACE)
 target_compile_options(zeb_hardening INTERFACE
-  -fstack-protector-strong -fstack-clash-protection
-  $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:${ZEB_SANITIZE},>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+  -fstack-protector-strong -fstack-clash-protection)
+if(NOT ZEB_SANITIZE) # a list of sanitizers holds a comma, so this cannot be part of the expression
+  target_compile_options(zeb_hardening INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+endif()
 target_link_options(zeb_hardening INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 
 if(ZEB_SANITIZE)
