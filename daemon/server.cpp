@@ -126,6 +126,7 @@ static void end_client(client &c)
     c.closing = true;
     count_as_finished(c);
     engine_connection_gone(c.owner->routing, c.talk.id);
+    spdlog::debug("{} subscribers remain", c.owner->routing.subscribers.size());
     uv_close(reinterpret_cast<uv_handle_t *>(&c.tcp), on_client_closed);
 }
 

@@ -1,0 +1,468 @@
+/* zebd as a program, over the loopback, with clients that are bare sockets. */
+#include "process.h"
+#include "wire.h"
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+/* A client by hand. Every wait has a limit; what went wrong is seen in what is missing from the text. */
+struct peer {
+    int fd = -1;
+    std::string got;
+
+    peer() = default;
+    peer(const peer &) = delete;
+    peer &operator=(const peer &) = delete;
+    ~peer()
+    {
+        hang_up();
+    }
+
+    void hang_up()
+    {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+
+    bool dial(uint16_t port, int family = AF_INET)
+    {
+        fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in v4{};
+        v4.sin_family = AF_INET;
+        v4.sin_port = htons(port);
+        v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in6 v6{};
+        v6.sin6_family = AF_INET6;
+        v6.sin6_port = htons(port);
+        v6.sin6_addr = in6addr_loopback;
+        if (family == AF_INET)
+            return connect(fd, reinterpret_cast<const sockaddr *>(&v4), sizeof(v4)) == 0;
+        return connect(fd, reinterpret_cast<const sockaddr *>(&v6), sizeof(v6)) == 0;
+    }
+
+    bool say(std::string_view text)
+    {
+        while (!text.empty()) {
+            const ssize_t count = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+            if (count <= 0)
+                return false;
+            text.remove_prefix(static_cast<size_t>(count));
+        }
+        return true;
+    }
+
+    /* One read. False at the end of the connection or of the time. */
+    bool more()
+    {
+        pollfd watched{fd, POLLIN, 0};
+        if (poll(&watched, 1, process::patience) != 1)
+            return false;
+        char buffer[65536];
+        const ssize_t count = recv(fd, buffer, sizeof(buffer), 0);
+        if (count <= 0)
+            return false;
+        got.append(buffer, static_cast<size_t>(count));
+        return true;
+    }
+
+    /* Takes everything up to and including TEXT. */
+    std::string hear(std::string_view text)
+    {
+        size_t at = got.find(text);
+        while (at == std::string::npos) {
+            if (!more())
+                return "missing [" + std::string(text) + "] in [" + got + "]";
+            at = got.find(text);
+        }
+        std::string result = got.substr(0, at + text.size());
+        got.erase(0, at + text.size());
+        return result;
+    }
+
+    bool hear_end()
+    {
+        while (more()) {
+        }
+        pollfd watched{fd, POLLIN, 0};
+        char octet = 0;
+        return poll(&watched, 1, 0) == 1 && recv(fd, &octet, 1, 0) <= 0;
+    }
+
+    /* Dials and connects; the reply is taken. */
+    bool join(uint16_t port, int family = AF_INET)
+    {
+        return dial(port, family) && say(wire::connect) &&
+               hear("\r\n\r\n").find("Result: success") != std::string::npos;
+    }
+
+    bool subscribe(std::string_view request = wire::subscribeEverything)
+    {
+        return say(request) && hear("\r\n\r\n").find("Result: success") != std::string::npos;
+    }
+};
+
+struct Server : testing::Test {
+    process::zebd daemon;
+
+    void serve(const process::arguments &options = {})
+    {
+        process::start_zebd(daemon, options);
+        ASSERT_NE(daemon.port, 0) << daemon.errText;
+    }
+
+    std::string log()
+    {
+        return daemon.errText;
+    }
+};
+
+TEST_F(Server, ListensOnBothLoopbackAddressesAndSaysSo)
+{
+    serve();
+    peer v4, v6;
+    EXPECT_TRUE(v4.join(daemon.port, AF_INET));
+    EXPECT_TRUE(v6.join(daemon.port, AF_INET6));
+    EXPECT_TRUE(process::wait_for_err(daemon, "<6>listening on 127.0.0.1 and ::1 port " +
+                                                  std::to_string(daemon.port) + "\n"))
+        << log();
+}
+
+TEST_F(Server, AnswersTheConnectWithResultThirdAndInstanceNameNinth)
+{
+    serve({"--instance", "east"});
+    peer client;
+    ASSERT_TRUE(client.dial(daemon.port));
+    ASSERT_TRUE(client.say(wire::connect));
+    std::vector<std::string> lines;
+    for (int i = 0; i < 10; i++)
+        lines.push_back(client.hear("\r\n"));
+    EXPECT_EQ(lines[2], "Result: success\r\n");
+    EXPECT_EQ(lines[8], "instanceName: east\r\n");
+    EXPECT_EQ(lines[9], "\r\n");
+    EXPECT_TRUE(client.got.empty());
+}
+
+TEST_F(Server, RoutesAnEventToOtherClientsAndBackToItsOwn)
+{
+    serve();
+    peer first, second;
+    ASSERT_TRUE(first.join(daemon.port) && first.subscribe());
+    ASSERT_TRUE(second.join(daemon.port) && second.subscribe());
+    ASSERT_TRUE(first.say(wire::messageEvent));
+    for (peer *each : {&first, &second}) {
+        const std::string head = each->hear("\r\ncreationTime: ");
+        EXPECT_EQ(head, "POST /event HTTP/1.1\r\nclassName: MessageNotification\r\nSubscriberID: 1\r\n"
+                        "eventType: /app/disk/full\r\neventId: node1:911\r\ncreationTime: ");
+        const std::string created = each->hear("\r\ndeliveryTime: ");
+        const std::string delivered = each->hear("\r\n");
+        EXPECT_GT(std::stoll(created), 1600000000000LL);
+        EXPECT_GE(std::stoll(delivered), std::stoll(created));
+        const std::string_view rest =
+            wire::messageEvent.substr(wire::messageEvent.find("affectedComponents"));
+        EXPECT_EQ(each->hear("he\r\nl"), rest);
+    }
+}
+
+TEST_F(Server, KeepsTheOrderOfOneClientThroughAFlood)
+{
+    serve();
+    peer from, to;
+    ASSERT_TRUE(to.join(daemon.port) && to.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    constexpr int count = 20000;
+    std::string flood;
+    for (int i = 0; i < count; i++)
+        flood += wire::with(wire::bareEvent, "eventId: ", "eventId: " + std::to_string(i));
+    ASSERT_TRUE(from.say(flood));
+    for (int i = 0; i < count; i++) {
+        to.hear("eventId: ");
+        ASSERT_EQ(to.hear("\r\n"), std::to_string(i) + "\r\n");
+    }
+}
+
+TEST_F(Server, CarriesALargeBodyUnchanged)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
+    std::string body(8 * 1024 * 1024, '\0');
+    for (size_t i = 0; i < body.size(); i++)
+        body[i] = static_cast<char>(i * 31 % 251);
+    ASSERT_TRUE(client.say(
+        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(body.size()))));
+    ASSERT_TRUE(client.say(body));
+    client.hear("AddrList-Length: 0\r\n\r\n");
+    while (client.got.size() < body.size())
+        ASSERT_TRUE(client.more());
+    EXPECT_TRUE(client.got == body);
+}
+
+TEST_F(Server, EndsAClientThatBreaksTheProtocolAndNamesReasonAndClient)
+{
+    serve();
+    peer broken, other;
+    ASSERT_TRUE(other.join(daemon.port) && other.subscribe());
+    ASSERT_TRUE(broken.join(daemon.port));
+    ASSERT_TRUE(broken.say(wire::with(wire::bareEvent, "eventId", "eventID")));
+    EXPECT_TRUE(broken.hear_end());
+    EXPECT_TRUE(
+        process::wait_for_err(daemon, "pid 4242) ended: line 5: 'eventID: ' instead of 'eventId: '\n"))
+        << log();
+    EXPECT_NE(log().find("<4>client 2 (127.0.0.1:"), std::string::npos) << log();
+    ASSERT_TRUE(other.say(wire::bareEvent));
+    EXPECT_EQ(other.hear("\r\n"), "POST /event HTTP/1.1\r\n");
+}
+
+TEST_F(Server, EndsAClientThatConnectsTwice)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port));
+    ASSERT_TRUE(client.say(wire::connect));
+    EXPECT_TRUE(client.hear_end());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: line 1: second connect\n")) << log();
+}
+
+TEST_F(Server, EndsAClientThatDoesNotConnectFirst)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.dial(daemon.port));
+    ASSERT_TRUE(client.say("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+    EXPECT_TRUE(client.hear_end());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: line 1: 'GET / HTTP/1.1' before the connect\n"))
+        << log();
+}
+
+TEST_F(Server, AnswersAnotherProtocolVersionBeforeItEndsTheClient)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.dial(daemon.port));
+    ASSERT_TRUE(client.say(wire::with(wire::connect, "Version: 4", "Version: 9")));
+    EXPECT_NE(client.hear("\r\n\r\n").find("Result: failure\r\n"), std::string::npos);
+    EXPECT_TRUE(client.hear_end());
+}
+
+TEST_F(Server, ReportsAClientThatLeavesInTheMiddleOfAMessage)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port));
+    ASSERT_TRUE(client.say(wire::messageEvent.substr(0, 100)));
+    client.hang_up();
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: disconnected in the middle of a message\n")) << log();
+}
+
+TEST_F(Server, ForgetsTheSubscriptionsOfAClientThatLeft)
+{
+    serve();
+    peer leaving, staying;
+    ASSERT_TRUE(staying.join(daemon.port) && staying.subscribe());
+    ASSERT_TRUE(leaving.join(daemon.port) && leaving.subscribe());
+    leaving.hang_up();
+    EXPECT_TRUE(process::wait_for_err(daemon, "<7>1 subscribers remain\n")) << log();
+}
+
+/* A client that reads nothing must neither hold up the others nor grow the daemon: it is dropped. */
+TEST_F(Server, DropsAClientWhoseQueuePassesItsLimit)
+{
+    serve({"--max-queue", "200000"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    const std::string body(50000, 'x');
+    const std::string text = wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: 50000") + body;
+    for (int i = 0; i < 2000 && log().find("octets are waiting for it") == std::string::npos; i++) {
+        ASSERT_TRUE(from.say(text));
+        if (i % 20 == 0) { /* a round trip, so that the daemon's log is not behind */
+            ASSERT_TRUE(from.subscribe(
+                wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+            process::poll_output(daemon);
+        }
+    }
+    EXPECT_NE(log().find("octets are waiting for it, the limit is 200000\n"), std::string::npos) << log();
+    EXPECT_TRUE(lazy.hear_end());
+    EXPECT_TRUE(from.subscribe());
+}
+
+TEST_F(Server, RefusesABodyAboveTheLimit)
+{
+    serve({"--max-body", "4"});
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port));
+    ASSERT_TRUE(client.say(wire::messageEvent));
+    EXPECT_TRUE(client.hear_end());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: line 16: 5 is above the limit of 4\n")) << log();
+}
+
+TEST_F(Server, RefusesClientsAboveTheLimit)
+{
+    serve({"--max-clients", "1"});
+    peer first, second;
+    ASSERT_TRUE(first.join(daemon.port));
+    ASSERT_TRUE(second.dial(daemon.port));
+    EXPECT_TRUE(second.hear_end());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: more than 1 clients\n")) << log();
+    EXPECT_TRUE(first.subscribe());
+}
+
+/* ---- Stopping ---- */
+
+struct Stop : Server, testing::WithParamInterface<int> {
+};
+
+TEST_P(Stop, EndsWithCode0AndClosesEveryClient)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
+    process::send_signal(daemon, GetParam());
+    EXPECT_TRUE(client.hear_end());
+    client.hang_up();
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+    EXPECT_NE(log().find("<6>stopped\n"), std::string::npos) << log();
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, Stop, testing::Values(SIGTERM, SIGINT));
+
+TEST_F(Server, StopsWithoutClients)
+{
+    serve();
+    process::send_signal(daemon, SIGTERM);
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+}
+
+TEST_F(Server, StopDoesNotWaitForAClientThatKeepsItsSideOpen)
+{
+    serve({"--stop-seconds", "3600"});
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port));
+    process::send_signal(daemon, SIGTERM);
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+}
+
+/* What is queued when the signal comes still arrives whole; more than the sockets alone would hold. */
+TEST_F(Server, StopWritesWhatIsQueued)
+{
+    serve();
+    peer reader, from;
+    ASSERT_TRUE(reader.join(daemon.port) && reader.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    const size_t size = 30 * 1024 * 1024;
+    ASSERT_TRUE(from.say(
+        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
+    ASSERT_TRUE(from.say(std::string(size, 'x')));
+    ASSERT_TRUE(
+        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    process::send_signal(daemon, SIGTERM);
+    ASSERT_TRUE(process::wait_for_err(daemon, "stopping on SIGTERM")) << log();
+    reader.hear("AddrList-Length: 0\r\n\r\n");
+    while (reader.more()) {
+    }
+    EXPECT_EQ(reader.got.size(), size);
+    reader.hang_up();
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+}
+
+TEST_F(Server, StopGivesUpOnAClientThatReadsNothing)
+{
+    serve({"--stop-seconds", "0.2"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    const size_t size = 30 * 1024 * 1024;
+    ASSERT_TRUE(from.say(
+        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
+    ASSERT_TRUE(from.say(std::string(size, 'x')));
+    ASSERT_TRUE(
+        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    process::send_signal(daemon, SIGTERM);
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+    EXPECT_NE(log().find("octets unwritten\n"), std::string::npos) << log();
+}
+
+TEST_F(Server, ClosesItsDoorAtOnceWhenStopping)
+{
+    serve({"--stop-seconds", "3600"});
+    peer reader, from;
+    ASSERT_TRUE(reader.join(daemon.port) && reader.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    const size_t size = 30 * 1024 * 1024;
+    ASSERT_TRUE(from.say(
+        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
+    ASSERT_TRUE(from.say(std::string(size, 'x')));
+    ASSERT_TRUE(
+        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    process::send_signal(daemon, SIGTERM);
+    EXPECT_TRUE(from.hear_end()); /* so the daemon is stopping, and waits for the other one */
+    peer late;
+    EXPECT_FALSE(late.dial(daemon.port));
+    process::send_signal(daemon, SIGTERM);
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+    EXPECT_NE(log().find("second signal"), std::string::npos) << log();
+}
+
+/* ---- Options ---- */
+
+process::outcome zebd(process::arguments options, const process::environment &env = {})
+{
+    options.insert(options.begin(), ZEBD_PATH);
+    return process::run(options, "", env);
+}
+
+TEST(Options, WrongUsageEndsWithCode1)
+{
+    EXPECT_EQ(zebd({"--no-such-option"}).code, 1);
+    EXPECT_EQ(zebd({"--port", "65536"}).code, 1);
+    EXPECT_EQ(zebd({"--port", "x"}).code, 1);
+    EXPECT_EQ(zebd({"--log-level", "loud"}).code, 1);
+    EXPECT_EQ(zebd({"--instance", "a\nb"}).code, 1);
+    EXPECT_EQ(zebd({"--port", "0", "--ready-fd", "99"}).code, 1);
+}
+
+TEST(Options, AnInvalidPortInTheEnvironmentIsRefused)
+{
+    for (const char *text : {"0", "-5", "abc", "65536", "12x"}) {
+        const process::outcome result = zebd({}, {{"TAMBEK_ZEB_PROXY_PORT", text}});
+        EXPECT_EQ(result.code, 1);
+        EXPECT_EQ(result.err, "<3>TAMBEK_ZEB_PROXY_PORT: '" + std::string(text) + "' is no port\n");
+    }
+}
+
+TEST(Options, HelpAndVersionEndWithCode0)
+{
+    EXPECT_EQ(zebd({"--help"}).code, 0);
+    const process::outcome version = zebd({"--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out.substr(0, 5), "zebd ");
+}
+
+TEST_F(Server, APortInUseEndsWithCode2)
+{
+    serve();
+    const process::outcome second = zebd({"--port", std::to_string(daemon.port)});
+    EXPECT_EQ(second.code, 2);
+    EXPECT_EQ(second.err, "<3>cannot listen on 127.0.0.1 port " + std::to_string(daemon.port) +
+                              ": Address already in use\n");
+}
+
+TEST_F(Server, TakesItsPortFromTheEnvironment)
+{
+    serve();
+    const process::outcome second = zebd({}, {{"TAMBEK_ZEB_PROXY_PORT", std::to_string(daemon.port)}});
+    EXPECT_EQ(second.code, 2);
+    EXPECT_NE(second.err.find("port " + std::to_string(daemon.port)), std::string::npos) << second.err;
+}
+
+} // namespace
