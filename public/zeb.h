@@ -1,7 +1,8 @@
 /* zeb.h - publish notifications and subscribe to them through the zeb daemon of this host.
  *
- * One process has one runtime: zeb_init starts it, zeb_shutdown ends it. The runtime owns one TCP connection to the
- * daemon on "localhost" and two service threads; nothing else of the library runs unless a call-back is registered.
+ * One process has one runtime: zeb_init starts it, zeb_shutdown ends it. The runtime owns one TCP connection
+ * to the daemon on "localhost" and two service threads; nothing else of the library runs unless a call-back
+ * is registered.
  *
  *     application threads                     library                              daemon
  *       zeb_publisher_publish ----> send queue ----> send thread ----+
@@ -9,42 +10,46 @@
  *       zeb_subscriber_receive <--- subscriber queue <-- receive thread <--+
  *       your call-back <----------- call-back thread
  *
- * Threads. Every function may be called from any thread unless its comment says otherwise. Notifications, property
- * lists, addresses, address lists and body blocks carry no lock: one thread at a time may use each of them. The
- * service threads block every signal; call-back threads run with the signal mask of the thread that registered the
- * call-back (mode 0) or that called zeb_init (mode 1). The library never changes a signal's disposition, and a
- * daemon that goes away raises no SIGPIPE.
+ * Threads. Every function may be called from any thread unless its comment says otherwise. Notifications,
+ * property lists, addresses, address lists and body blocks carry no lock: one thread at a time may use each
+ * of them. The service threads block every signal; call-back threads run with the signal mask of the thread
+ * that registered the call-back (mode 0) or that called zeb_init (mode 1). The library never changes a
+ * signal's disposition, and a daemon that goes away raises no SIGPIPE.
  *
- * Call-back stacks. Every thread that the library starts has a stack of 32768 bytes, call-back threads included. That
- * is little: printf of a floating-point number, or a buffer of a few kilobytes, does not fit beside it. Set
- * TAMBEK_THREAD_STACKSIZE (bytes, at least 16384) before zeb_init when a call-back needs more. A call-back must
- * return: it must not throw through the library, call pthread_exit or be cancelled.
+ * Call-back stacks. Every thread that the library starts has a stack of 32768 bytes, call-back threads
+ * included. That is little: printf of a floating-point number, or a buffer of a few kilobytes, does not fit
+ * beside it. Set TAMBEK_THREAD_STACKSIZE (bytes, at least 16384) before zeb_init when a call-back needs more.
+ * A call-back must return: it must not throw through the library, call pthread_exit or be cancelled.
  *
- * Loss of the daemon. Nothing is reported: the library reconnects for ever (waiting 1 second 31 times, then 2, 3, 4 and
- * 5 seconds for good), keeps what is to be sent in order, and subscribes every subscriber again. Subscribers with a
- * membership interest are the exception: they get one notification of class ZEB_CLASS_LEAVEGROUP and nothing after it;
- * close them and create new ones.
+ * Loss of the daemon. Nothing is reported: the library reconnects for ever (waiting 1 second 31 times, then
+ * 2, 3, 4 and 5 seconds for good), keeps what is to be sent in order, and subscribes every subscriber again.
+ * Subscribers with a membership interest are the exception: they get one notification of class
+ * ZEB_CLASS_LEAVEGROUP and nothing after it; close them and create new ones.
  *
- * Fork. The child of a fork has no runtime and no connection; it may call zeb_init afresh. Handles that it inherited are
- * dead: closing, publishing through and receiving from them does nothing. The parent notices nothing. A child made in
- * any other way (posix_spawn, vfork) inherits no descriptor of the library across exec either.
+ * Fork. The child of a fork has no runtime and no connection; it may call zeb_init afresh. Handles that it
+ * inherited are dead: closing, publishing through and receiving from them does nothing. The parent notices
+ * nothing. A child made in any other way (posix_spawn, vfork) inherits no descriptor of the library across
+ * exec either.
  *
- * Memory. Everything handed in is copied; the caller keeps its own. Pointers handed out by a getter are borrowed and
- * live as long as their owner, unless the comment says "the caller frees": then the system's free releases them. A
- * published notification belongs to the library; a received one belongs to its subscriber until it is relinquished.
+ * Memory. Everything handed in is copied; the caller keeps its own. Pointers handed out by a getter are
+ * borrowed and live as long as their owner, unless the comment says "the caller frees": then the system's
+ * free releases them. A published notification belongs to the library; a received one belongs to its
+ * subscriber until it is relinquished.
  *
- * Failure. Constructors and look-ups return null, status functions a negative number. A null handle gives the failure
- * result of its function, unless the comment says that it must not be null.
+ * Failure. Constructors and look-ups return null, status functions a negative number. A null handle gives the
+ * failure result of its function, unless the comment says that it must not be null.
  *
- * Time limits are milliseconds, and a limit of 0 or less means none. They are counted on the wall clock in whole seconds
- * from the start of the current second: a limit of T milliseconds ends between T / 1000 - 1 and T / 1000 seconds after
- * the call, so 1 to 999 milliseconds do not wait at all. A limited wait may end early, as if its limit had passed.
+ * Time limits are milliseconds, and a limit of 0 or less means none. They are counted on the wall clock in
+ * whole seconds from the start of the current second: a limit of T milliseconds ends between T / 1000 - 1 and
+ * T / 1000 seconds after the call, so 1 to 999 milliseconds do not wait at all. A limited wait may end early,
+ * as if its limit had passed.
  *
  * Configuration comes from the environment, read by zeb_init:
- *     TAMBEK_CONFIG_HOME, else TAMBEK_HOME   home directory, sent to the daemon at connect; one of them is needed
- *     TAMBEK_ZEB_PROXY_PORT                  port of the daemon, 1 to 65535; needed
- *     TAMBEK_THREAD_STACKSIZE                stack of every library thread in bytes; 32768 unless at least 16384
- * and from the file ezeb/conf/.formfactor under the home directory, whose bytes are sent at connect ("abc" without it).
+ *     TAMBEK_CONFIG_HOME, else TAMBEK_HOME   home directory, sent to the daemon at connect; one of them is
+ * needed TAMBEK_ZEB_PROXY_PORT                  port of the daemon, 1 to 65535; needed
+ *     TAMBEK_THREAD_STACKSIZE                stack of every library thread in bytes; 32768 unless at least
+ * 16384 and from the file ezeb/conf/.formfactor under the home directory, whose bytes are sent at connect
+ * ("abc" without it).
  */
 #ifndef ZEB_H
 #define ZEB_H
@@ -81,14 +86,14 @@ typedef struct zeb_property {
 
 /* Classes of notifications, as zeb_notification_getClass returns them. */
 enum {
-    ZEB_CLASS_MESSAGE = 0,          /* an ordinary event */
-    ZEB_CLASS_MEMBERSHIPLIST = 1,   /* all members of a group */
-    ZEB_CLASS_MEMBERSHIPDELTA = 2,  /* members that came and went */
-    ZEB_CLASS_OUTGOINGSTREAM = 3,   /* head of a stream written by this process; never on the wire */
-    ZEB_CLASS_INCOMINGSTREAM = 4,   /* a piece of a stream */
-    ZEB_CLASS_STATEGET = 5,         /* a member asks for the group's state */
-    ZEB_CLASS_STATESET = 6,         /* the state, as answer */
-    ZEB_CLASS_LEAVEGROUP = 7,       /* the connection was lost; this subscriber gets nothing more */
+    ZEB_CLASS_MESSAGE = 0,         /* an ordinary event */
+    ZEB_CLASS_MEMBERSHIPLIST = 1,  /* all members of a group */
+    ZEB_CLASS_MEMBERSHIPDELTA = 2, /* members that came and went */
+    ZEB_CLASS_OUTGOINGSTREAM = 3,  /* head of a stream written by this process; never on the wire */
+    ZEB_CLASS_INCOMINGSTREAM = 4,  /* a piece of a stream */
+    ZEB_CLASS_STATEGET = 5,        /* a member asks for the group's state */
+    ZEB_CLASS_STATESET = 6,        /* the state, as answer */
+    ZEB_CLASS_LEAVEGROUP = 7,      /* the connection was lost; this subscriber gets nothing more */
     ZEB_CLASS_UNKNOWN = 8
 };
 
@@ -98,31 +103,35 @@ enum { ZEB_ALREADY_INITIALISED = -3 };
 /* Results of zeb_subscriber_status. */
 enum { ZEB_SUBSCRIBED = 0, ZEB_SUBSCRIPTION_PENDING = 1, ZEB_SUBSCRIPTION_FAILED = 2 };
 
-/* ---- Runtime ---------------------------------------------------------------------------------------------------
+/* ---- Runtime
+ * ---------------------------------------------------------------------------------------------------
  * Initialisations are counted: the runtime ends with the last matching shutdown. */
 
 /* Stores null in *TIERNAME: tiers have no names here. */
 ZEB_API void zeb_get_tiername(char **tiername);
 
-/* Stores the daemon's instance name in *INSTANCENAME, or null when there is no runtime, no connection or no name.
- * The caller frees it. Waits up to 10000 ms for the connection. */
+/* Stores the daemon's instance name in *INSTANCENAME, or null when there is no runtime, no connection or no
+ * name. The caller frees it. Waits up to 10000 ms for the connection. */
 ZEB_API void zeb_get_instancename(char **instancename);
 
-/* Like zeb_shutdown, but what is still queued for sending is discarded; returns within two seconds also when the
- * daemon has stopped reading, and waits at most for a running back-off pause (32 seconds) besides. Returns 0. */
+/* Like zeb_shutdown, but what is still queued for sending is discarded; returns within two seconds also when
+ * the daemon has stopped reading, and waits at most for a running back-off pause (32 seconds) besides.
+ * Returns 0. */
 ZEB_API int32_t zeb_shutdown_nowait(void);
 
 /* Gives back one initialisation. The last one sends everything that is queued (without a connection it is
- * discarded), ends both service threads, closes every subscriber and publisher that is still open and releases them:
- * their handles must not be used afterwards. Blocks until the daemon has taken what was queued, without limit; and
- * for the rest of a back-off pause when the daemon is away (up to 32 seconds). Threads blocked in a receive, a
- * creation or a wait for the connection are woken. May be called in a call-back. Returns 0, also when nothing runs. */
+ * discarded), ends both service threads, closes every subscriber and publisher that is still open and
+ * releases them: their handles must not be used afterwards. Blocks until the daemon has taken what was
+ * queued, without limit; and for the rest of a back-off pause when the daemon is away (up to 32 seconds).
+ * Threads blocked in a receive, a creation or a wait for the connection are woken. May be called in a
+ * call-back. Returns 0, also when nothing runs. */
 ZEB_API int32_t zeb_shutdown(void);
 
-/* Starts the runtime with home directory and port from the environment and returns at once; the connection is made in
- * the background. Returns 0; ZEB_ALREADY_INITIALISED (-3) when it runs already, which counts as success and needs its
- * own shutdown; -1 when home or port are missing (a line on standard error says which) or threads or memory are not
- * to be had. When "localhost" cannot be resolved the process is ended with a message, as nothing can ever work then. */
+/* Starts the runtime with home directory and port from the environment and returns at once; the connection is
+ * made in the background. Returns 0; ZEB_ALREADY_INITIALISED (-3) when it runs already, which counts as
+ * success and needs its own shutdown; -1 when home or port are missing (a line on standard error says which)
+ * or threads or memory are not to be had. When "localhost" cannot be resolved the process is ended with a
+ * message, as nothing can ever work then. */
 ZEB_API int32_t zeb_init(void);
 
 /* Like zeb_init with HOME as home directory; null takes it from the environment. */
@@ -131,8 +140,9 @@ ZEB_API int32_t zeb_init_wtambekhome(const char *home);
 /* Like zeb_init with the low 16 bits of PORT as port; 0 takes it from the environment. */
 ZEB_API int32_t zeb_init_with_port(int32_t port);
 
-/* ---- Property lists --------------------------------------------------------------------------------------------
- * Names with values in the order of insertion, each name once, compared byte for byte. The caller owns the list, the
+/* ---- Property lists
+ * -------------------------------------------------------------------------------------------- Names with
+ * values in the order of insertion, each name once, compared byte for byte. The caller owns the list, the
  * list owns copies of all strings. Not locked: one thread at a time per list. Needs no runtime. */
 
 /* Number of entries; 0 for null. */
@@ -141,12 +151,12 @@ ZEB_API int32_t zeb_proplist_count(const zeb_proplist *list);
 /* Value stored under NAME, or null. Borrowed until the entry is replaced or the list destroyed. */
 ZEB_API const char *zeb_proplist_get(const zeb_proplist *list, const char *name);
 
-/* Entry INDEX, counted from 0; null at or beyond the count. INDEX must not be negative. Borrowed until the next put
- * or the destroy. */
+/* Entry INDEX, counted from 0; null at or beyond the count. INDEX must not be negative. Borrowed until the
+ * next put or the destroy. */
 ZEB_API zeb_property *zeb_proplist_getIndex(const zeb_proplist *list, int32_t index);
 
-/* Adds NAME, or replaces its value where it stands. Returns the entry, borrowed until the next put or the destroy; null,
- * with the list unchanged, when LIST, NAME or VALUE is null or memory is out. */
+/* Adds NAME, or replaces its value where it stands. Returns the entry, borrowed until the next put or the
+ * destroy; null, with the list unchanged, when LIST, NAME or VALUE is null or memory is out. */
 ZEB_API zeb_property *zeb_proplist_put(zeb_proplist *list, const char *name, const char *value);
 
 /* Releases *LIST with its strings and sets it to null. Null and a null handle are ignored. */
@@ -155,10 +165,11 @@ ZEB_API void zeb_proplist_destroy(zeb_proplist **list);
 /* New empty list, or null. The caller destroys it. */
 ZEB_API zeb_proplist *zeb_proplist_create(void);
 
-/* ---- Notifications ---------------------------------------------------------------------------------------------
- * What is published and received. Not locked: the application may use one until it publishes or relinquishes it, from
- * one thread at a time. There is no destroy: publishing hands a notification over for good, relinquishing gives a
- * received one back. One that was created and never published stays allocated. */
+/* ---- Notifications
+ * --------------------------------------------------------------------------------------------- What is
+ * published and received. Not locked: the application may use one until it publishes or relinquishes it, from
+ * one thread at a time. There is no destroy: publishing hands a notification over for good, relinquishing
+ * gives a received one back. One that was created and never published stays allocated. */
 
 /* Class, one of ZEB_CLASS_...; ZEB_CLASS_UNKNOWN for null. */
 ZEB_API uint32_t zeb_notification_getClass(const zeb_notification *n);
@@ -166,8 +177,9 @@ ZEB_API uint32_t zeb_notification_getClass(const zeb_notification *n);
 /* Keeps the notification on this host. It cannot be cleared again. */
 ZEB_API void zeb_notification_setLocalOnly(zeb_notification *n);
 
-/* The strings below are borrowed from the notification; null when absent. The generating fields and the id are filled
- * at the first publish, instance name and affected parts only on received notifications; nothing fills the stamp. */
+/* The strings below are borrowed from the notification; null when absent. The generating fields and the id
+ * are filled at the first publish, instance name and affected parts only on received notifications; nothing
+ * fills the stamp. */
 ZEB_API const char *zeb_notification_type(const zeb_notification *n);
 
 /* 1 when the notification stays on its host, else 0. */
@@ -176,13 +188,13 @@ ZEB_API int32_t zeb_notification_localOnly(const zeb_notification *n);
 /* Instance name of the sender's daemon, as received. */
 ZEB_API const char *zeb_notification_instanceName(const zeb_notification *n);
 
-/* Identifier: host name, ':', process id, publisher number and sequence number with nothing between the last three.
- * Good for people; not a key, since 1 followed by 11 reads like 11 followed by 1. */
+/* Identifier: host name, ':', process id, publisher number and sequence number with nothing between the last
+ * three. Good for people; not a key, since 1 followed by 11 reads like 11 followed by 1. */
 ZEB_API const char *zeb_notification_id(const zeb_notification *n);
 
-/* New array of *COUNT entries, newest first (on received notifications: oldest first), duplicates included; null with
- * *COUNT 0 when there are none. The caller frees the array; the strings stay the notification's. When memory is out
- * the result is null and *COUNT is left alone. */
+/* New array of *COUNT entries, newest first (on received notifications: oldest first), duplicates included;
+ * null with *COUNT 0 when there are none. The caller frees the array; the strings stay the notification's.
+ * When memory is out the result is null and *COUNT is left alone. */
 ZEB_API zeb_property *zeb_notification_getAllProperties(const zeb_notification *n, int32_t *count);
 
 /* Value set last under NAME (on received notifications: first), or null. Borrowed. */
@@ -199,8 +211,8 @@ ZEB_API int64_t zeb_notification_deliveryTime(const zeb_notification *n);
 /* When the daemon took the notification, in whole seconds since 1970; 0 when unknown or for null. */
 ZEB_API int64_t zeb_notification_creationTime(const zeb_notification *n);
 
-/* Body, borrowed, and its length in *LENGTH (a null LENGTH is not written). Null for a null notification, leaving *LENGTH
- * alone, and when there is no body. A received body has a NUL after its last byte. */
+/* Body, borrowed, and its length in *LENGTH (a null LENGTH is not written). Null for a null notification,
+ * leaving *LENGTH alone, and when there is no body. A received body has a NUL after its last byte. */
 ZEB_API const void *zeb_notification_body(const zeb_notification *n, int32_t *length);
 
 ZEB_API const char *zeb_notification_affectedNodes(const zeb_notification *n);
@@ -220,52 +232,56 @@ ZEB_API zeb_logicaladdr *zeb_notification_generatingAddress(const zeb_notificati
 /* Destinations, borrowed; null when there are none and the daemon asks every subscription. */
 ZEB_API zeb_laddrlist *zeb_notification_getDestinationAddrs(const zeb_notification *n);
 
-/* Make a copy of ADDRESS the only destination, or a copy of ADDRESSES all destinations. ADDRESS and ADDRESSES may belong
- * to the notification itself. Nothing happens when an argument is null or memory is out. */
+/* Make a copy of ADDRESS the only destination, or a copy of ADDRESSES all destinations. ADDRESS and ADDRESSES
+ * may belong to the notification itself. Nothing happens when an argument is null or memory is out. */
 ZEB_API void zeb_notification_setDestinationAddr(zeb_notification *n, const zeb_logicaladdr *address);
 ZEB_API void zeb_notification_setDestinationAddrs(zeb_notification *n, const zeb_laddrlist *addresses);
 
-/* Adds a property; an existing one of the same name stays and both travel. Returns 0; -1 when NAME held ':', CR or LF, or
- * VALUE held CR or LF: a fixed text that says so was stored in its place; -2, nothing stored, when an argument is null or
- * memory is out. */
+/* Adds a property; an existing one of the same name stays and both travel. Returns 0; -1 when NAME held ':',
+ * CR or LF, or VALUE held CR or LF: a fixed text that says so was stored in its place; -2, nothing stored,
+ * when an argument is null or memory is out. */
 ZEB_API int32_t zeb_notification_setProperty(zeb_notification *n, const char *name, const char *value);
 
-/* New notification of class ZEB_CLASS_MESSAGE with copies of TYPE and of the BODYLENGTH bytes at BODY; null when TYPE is
- * null, when BODY is null with a length above 0, or when memory is out. A length below 1 is stored and means no body. TYPE
- * must not contain CR or LF. */
+/* New notification of class ZEB_CLASS_MESSAGE with copies of TYPE and of the BODYLENGTH bytes at BODY; null
+ * when TYPE is null, when BODY is null with a length above 0, or when memory is out. A length below 1 is
+ * stored and means no body. TYPE must not contain CR or LF. */
 ZEB_API zeb_notification *zeb_notification_create(const char *type, const void *body, int32_t bodyLength);
 
-/* ---- Publishers ------------------------------------------------------------------------------------------------
- * A publisher names the component on whose behalf notifications go out. Any number of threads may publish through one
- * at once. */
+/* ---- Publishers
+ * ------------------------------------------------------------------------------------------------ A
+ * publisher names the component on whose behalf notifications go out. Any number of threads may publish
+ * through one at once. */
 
 /* Returns -1 and does nothing. */
 ZEB_API int32_t zeb_one_time_remote_publish(void);
 
-/* Starts the runtime, publishes N on behalf of COMPONENT, waits until it is sent and ends the runtime (or gives back its
- * count when the application runs it already). Returns 0 when N was handed over; -1 otherwise, and then N is still the
- * caller's. Waits up to 5000 ms for the connection. */
+/* Starts the runtime, publishes N on behalf of COMPONENT, waits until it is sent and ends the runtime (or
+ * gives back its count when the application runs it already). Returns 0 when N was handed over; -1 otherwise,
+ * and then N is still the caller's. Waits up to 5000 ms for the connection. */
 ZEB_API int32_t zeb_one_time_publish(const char *component, zeb_notification *n);
 
-/* Hands N over to be sent; it must not be touched afterwards, even though a result is not given. The first publish fills
- * in the origin fields and the id; a received notification may be published again and keeps them. Does not block. While
- * the daemon is away notifications are kept, in order and without limit. Ignored, N staying the caller's, when an
- * argument is null or there is no runtime. */
+/* Hands N over to be sent; it must not be touched afterwards, even though a result is not given. The first
+ * publish fills in the origin fields and the id; a received notification may be published again and keeps
+ * them. Does not block. While the daemon is away notifications are kept, in order and without limit. Ignored,
+ * N staying the caller's, when an argument is null or there is no runtime. */
 ZEB_API void zeb_publisher_publish(zeb_publisher *publisher, zeb_notification *n);
 
-/* Releases PUBLISHER. What it published is still sent. No publish through it may be running. Null is ignored. */
+/* Releases PUBLISHER. What it published is still sent. No publish through it may be running. Null is ignored.
+ */
 ZEB_API void zeb_publisher_close(zeb_publisher *publisher);
 
-/* New publisher for COMPONENT (copied); null when COMPONENT is null, there is no runtime or memory is out. Waits up to
- * 5000 ms for the connection and returns a publisher whether or not it came. The caller closes it. */
+/* New publisher for COMPONENT (copied); null when COMPONENT is null, there is no runtime or memory is out.
+ * Waits up to 5000 ms for the connection and returns a publisher whether or not it came. The caller closes
+ * it. */
 ZEB_API zeb_publisher *zeb_publisher_create(const char *component);
 
-/* ---- Subscribers -----------------------------------------------------------------------------------------------
- * A standing request for notifications. What arrives is queued until it is received, or handed to a call-back.
+/* ---- Subscribers
+ * ----------------------------------------------------------------------------------------------- A standing
+ * request for notifications. What arrives is queued until it is received, or handed to a call-back.
  *
- * The subscription text says which notifications, in the daemon's language: null for none but those addressed to this
- * subscriber, "" for all. The membership interest says which other subscribers it wants to know of; null for none.
- * Neither may contain CR or LF. Properties describe the subscriber to others.
+ * The subscription text says which notifications, in the daemon's language: null for none but those addressed
+ * to this subscriber, "" for all. The membership interest says which other subscribers it wants to know of;
+ * null for none. Neither may contain CR or LF. Properties describe the subscriber to others.
  *
  *     char *why;
  *     zeb_subscriber *s = zeb_subscriber_create("/app/disk/" "*", "monitor", NULL, NULL, &why);
@@ -277,25 +293,27 @@ ZEB_API zeb_publisher *zeb_publisher_create(const char *component);
  *     zeb_subscriber_close(s);
  */
 
-/* Called on a library thread with a notification that belongs to the subscriber; it is given back when the call-back
- * returns, unless it was relinquished or published in it. The result is ignored. */
+/* Called on a library thread with a notification that belongs to the subscriber; it is given back when the
+ * call-back returns, unless it was relinquished or published in it. The result is ignored. */
 typedef int32_t (*zeb_subscriber_callback)(zeb_notification *notification, void *context);
 
-/* Answers the last state request that SUBSCRIBER received with LENGTH bytes at BODY and forgets the request. Nothing is
- * sent when there was none. */
+/* Answers the last state request that SUBSCRIBER received with LENGTH bytes at BODY and forgets the request.
+ * Nothing is sent when there was none. */
 ZEB_API void zeb_subscriber_returnState(zeb_subscriber *subscriber, const void *body, uint32_t length);
 
-/* Asks the longest-lived other member for the group's state, which arrives as a notification of class ZEB_CLASS_STATESET.
- * Returns 1; 0 when no member is known. Needs a membership interest and full lists, so not zeb_subscriber_create_wdeltas. */
+/* Asks the longest-lived other member for the group's state, which arrives as a notification of class
+ * ZEB_CLASS_STATESET. Returns 1; 0 when no member is known. Needs a membership interest and full lists, so
+ * not zeb_subscriber_create_wdeltas. */
 ZEB_API int32_t zeb_subscriber_getState(zeb_subscriber *subscriber);
 
-/* Stops the call-back within about a second; a call-back that is running is not waited for. Returns 0, or -1 when none was
- * registered. May be called in the call-back. */
+/* Stops the call-back within about a second; a call-back that is running is not waited for. Returns 0, or -1
+ * when none was registered. May be called in the call-back. */
 ZEB_API int32_t zeb_subscriber_cancelcallback(zeb_subscriber *subscriber);
 
-/* Has CALLBACK called with each notification and CONTEXT: MODE 0 on one thread in order; MODE 1 on a new thread per
- * notification, any number at once; with any other mode it is never called, yet registered. Returns 0; -1 when an argument
- * but CONTEXT is null, one is registered already, or the thread cannot be created. See the head of this file for stacks. */
+/* Has CALLBACK called with each notification and CONTEXT: MODE 0 on one thread in order; MODE 1 on a new
+ * thread per notification, any number at once; with any other mode it is never called, yet registered.
+ * Returns 0; -1 when an argument but CONTEXT is null, one is registered already, or the thread cannot be
+ * created. See the head of this file for stacks. */
 ZEB_API int32_t zeb_subscriber_registercallback(zeb_subscriber *subscriber, zeb_subscriber_callback callback,
                                                 void *context, int32_t mode);
 
@@ -308,72 +326,78 @@ ZEB_API const char *zeb_subscriber_setName(zeb_subscriber *subscriber, const cha
 /* Subscription text as given, borrowed; null when none was given. */
 ZEB_API const char *zeb_subscriber_subscription(const zeb_subscriber *subscriber);
 
-/* Gives N back, which is destroyed. SUBSCRIBER must not be null. Not to be called while another thread receives from or
- * relinquishes to the same subscriber, other than in call-backs. */
+/* Gives N back, which is destroyed. SUBSCRIBER must not be null. Not to be called while another thread
+ * receives from or relinquishes to the same subscriber, other than in call-backs. */
 ZEB_API void zeb_subscriber_relinquish(zeb_subscriber *subscriber, zeb_notification *n);
 
-/* Next notification, to be relinquished, or null. With WAIT 0 it does not block; otherwise it waits for TIMEOUT ms (0 or
- * less: without limit). Null also when the subscriber was closed meanwhile, and at once, with WAIT, while an asynchronous
- * creation has not been settled by zeb_subscriber_status. */
+/* Next notification, to be relinquished, or null. With WAIT 0 it does not block; otherwise it waits for
+ * TIMEOUT ms (0 or less: without limit). Null also when the subscriber was closed meanwhile, and at once,
+ * with WAIT, while an asynchronous creation has not been settled by zeb_subscriber_status. */
 ZEB_API zeb_notification *zeb_subscriber_receive(zeb_subscriber *subscriber, int32_t wait, int32_t timeout);
 
 /* Identifier on the connection, from 1; UINT32_MAX for null. */
 ZEB_API uint32_t zeb_subscriber_id(const zeb_subscriber *subscriber);
 
-/* The subscriber's own publisher, borrowed until its close: what it publishes carries the subscriber's address. Null once
- * the subscriber is closing. */
+/* The subscriber's own publisher, borrowed until its close: what it publishes carries the subscriber's
+ * address. Null once the subscriber is closing. */
 ZEB_API zeb_publisher *zeb_subscriber_getPublisher(const zeb_subscriber *subscriber);
 
 /* Component as given, borrowed; null when none was given. */
 ZEB_API const char *zeb_subscriber_component(const zeb_subscriber *subscriber);
 
-/* Ends the subscription and releases the handle, with every notification that is queued or not relinquished. A receive
- * that is waiting returns null. Does not wait for a running call-back; may be called in one. Null is ignored. */
+/* Ends the subscription and releases the handle, with every notification that is queued or not relinquished.
+ * A receive that is waiting returns null. Does not wait for a running call-back; may be called in one. Null
+ * is ignored. */
 ZEB_API void zeb_subscriber_close(zeb_subscriber *subscriber);
 
-/* State of an asynchronous creation: ZEB_SUBSCRIPTION_PENDING until the daemon has answered; then, once, ZEB_SUBSCRIBED or
- * ZEB_SUBSCRIPTION_FAILED, with the daemon's text in *STATUSMESSAGEOUT (null when it gave none; the caller frees it; a null
- * pointer is not written); ZEB_SUBSCRIBED ever after. *STATUSMESSAGEOUT is written only for a failure reported here.
- * ZEB_SUBSCRIPTION_FAILED for a null subscriber. */
+/* State of an asynchronous creation: ZEB_SUBSCRIPTION_PENDING until the daemon has answered; then, once,
+ * ZEB_SUBSCRIBED or ZEB_SUBSCRIPTION_FAILED, with the daemon's text in *STATUSMESSAGEOUT (null when it gave
+ * none; the caller frees it; a null pointer is not written); ZEB_SUBSCRIBED ever after. *STATUSMESSAGEOUT is
+ * written only for a failure reported here. ZEB_SUBSCRIPTION_FAILED for a null subscriber. */
 ZEB_API int32_t zeb_subscriber_status(zeb_subscriber *subscriber, char **statusMessageOut);
 
-/* Creates a subscriber without waiting for the daemon's answer; see zeb_subscriber_status. Null when there is no runtime
- * or memory is out. */
+/* Creates a subscriber without waiting for the daemon's answer; see zeb_subscriber_status. Null when there is
+ * no runtime or memory is out. */
 ZEB_API zeb_subscriber *zeb_subscriber_create_async(const char *subscription, const char *component,
-                                                    const char *membershipInterest, const zeb_proplist *properties);
+                                                    const char *membershipInterest,
+                                                    const zeb_proplist *properties);
 
-/* Creates a subscriber and waits without limit for the daemon's answer. Null when the daemon refused, there is no runtime,
- * the runtime was shut down meanwhile, or memory is out. *STATUSMESSAGEOUT (null: not wanted) gets the daemon's text or null;
- * the caller frees it. All arguments may be null. The membership arrives as full lists, class ZEB_CLASS_MEMBERSHIPLIST;
- * with _wdeltas as changes, class ZEB_CLASS_MEMBERSHIPDELTA. */
+/* Creates a subscriber and waits without limit for the daemon's answer. Null when the daemon refused, there
+ * is no runtime, the runtime was shut down meanwhile, or memory is out. *STATUSMESSAGEOUT (null: not wanted)
+ * gets the daemon's text or null; the caller frees it. All arguments may be null. The membership arrives as
+ * full lists, class ZEB_CLASS_MEMBERSHIPLIST; with _wdeltas as changes, class ZEB_CLASS_MEMBERSHIPDELTA. */
 ZEB_API zeb_subscriber *zeb_subscriber_create_wdeltas(const char *subscription, const char *component,
-                                                      const char *membershipInterest, const zeb_proplist *properties,
+                                                      const char *membershipInterest,
+                                                      const zeb_proplist *properties,
                                                       char **statusMessageOut);
 ZEB_API zeb_subscriber *zeb_subscriber_create(const char *subscription, const char *component,
                                               const char *membershipInterest, const zeb_proplist *properties,
                                               char **statusMessageOut);
 
-/* Like zeb_subscriber_create, waiting TIMEOUT ms at most (0 or less: without limit). After that the result is null and the
- * text "timedout"; the daemon may still know of the subscription. */
+/* Like zeb_subscriber_create, waiting TIMEOUT ms at most (0 or less: without limit). After that the result is
+ * null and the text "timedout"; the daemon may still know of the subscription. */
 ZEB_API zeb_subscriber *zeb_subscriber_create_wtimeout(const char *subscription, const char *component,
-                                                       const char *membershipInterest, const zeb_proplist *properties,
+                                                       const char *membershipInterest,
+                                                       const zeb_proplist *properties,
                                                        char **statusMessageOut, int64_t timeout);
 
-/* ---- Logical addresses and address lists -----------------------------------------------------------------------
- * An address names one subscriber anywhere. Addresses come from notifications and lists, which own them; only lists can be
- * created, and hold copies. Two addresses are the same when their keys, which only the daemon gives, are. Not locked. */
+/* ---- Logical addresses and address lists
+ * ----------------------------------------------------------------------- An address names one subscriber
+ * anywhere. Addresses come from notifications and lists, which own them; only lists can be created, and hold
+ * copies. Two addresses are the same when their keys, which only the daemon gives, are. Not locked. */
 
 /* Appends a copy of ADDRESS, which may be an entry of LIST. Neither may be null. */
 ZEB_API void zeb_laddrlist_add(zeb_laddrlist *list, const zeb_logicaladdr *address);
 
-/* Entry INDEX, counted from 0; null at or beyond the count. INDEX must not be negative. Borrowed until the next add or the
- * destroy. */
+/* Entry INDEX, counted from 0; null at or beyond the count. INDEX must not be negative. Borrowed until the
+ * next add or the destroy. */
 ZEB_API zeb_logicaladdr *zeb_laddrlist_get(const zeb_laddrlist *list, int32_t index);
 
 /* Number of entries; 0 for null. */
 ZEB_API int32_t zeb_laddrlist_count(const zeb_laddrlist *list);
 
-/* Releases *LIST and sets it to null. Null and a null handle are ignored. Not for lists owned by a notification. */
+/* Releases *LIST and sets it to null. Null and a null handle are ignored. Not for lists owned by a
+ * notification. */
 ZEB_API void zeb_laddrlist_destroy(zeb_laddrlist **list);
 
 /* New list with copies of all entries; null for null or when memory is out. The caller destroys it. */
@@ -382,7 +406,8 @@ ZEB_API zeb_laddrlist *zeb_laddrlist_dup(const zeb_laddrlist *list);
 /* New empty list, or null. The caller destroys it. */
 ZEB_API zeb_laddrlist *zeb_laddrlist_create(void);
 
-/* New text with tier, host, instance, component, subscription and properties, for people. The caller frees it. */
+/* New text with tier, host, instance, component, subscription and properties, for people. The caller frees
+ * it. */
 ZEB_API char *zeb_logicaladdr_toString(const zeb_logicaladdr *address);
 
 /* Value of the property NAME, borrowed, or null. */
@@ -405,10 +430,11 @@ ZEB_API const char *zeb_logicaladdr_getInstanceName(const zeb_logicaladdr *addre
 ZEB_API const char *zeb_logicaladdr_getHostName(const zeb_logicaladdr *address);
 ZEB_API const char *zeb_logicaladdr_getComponent(const zeb_logicaladdr *address);
 
-/* ---- Body blocks -----------------------------------------------------------------------------------------------
- * A structured body: a tree of named segments, each with named elements (text or bytes) and sub-segments, in the order of
- * insertion. Everything handed out belongs to the block and lives until it is destroyed; an element until another of its
- * name is added to its segment. Not locked. Needs no runtime.
+/* ---- Body blocks
+ * ----------------------------------------------------------------------------------------------- A
+ * structured body: a tree of named segments, each with named elements (text or bytes) and sub-segments, in
+ * the order of insertion. Everything handed out belongs to the block and lives until it is destroyed; an
+ * element until another of its name is added to its segment. Not locked. Needs no runtime.
  *
  *     zeb_bb *block = zeb_bb_create();
  *     zeb_bb_seg_addelement(zeb_bb_addsegment(block, "disk"), "free", "17");
@@ -419,8 +445,8 @@ ZEB_API const char *zeb_logicaladdr_getComponent(const zeb_logicaladdr *address)
  *     zeb_bb_destroy(block);
  */
 
-/* New text, two spaces of indent a level, elements that are not printable shown as "<binary-data>"; null for null and for a
- * block without segments. The caller frees it. */
+/* New text, two spaces of indent a level, elements that are not printable shown as "<binary-data>"; null for
+ * null and for a block without segments. The caller frees it. */
 ZEB_API char *zeb_bb_toString(const zeb_bb *block);
 
 /* Next sibling of ELEMENT, null at the end. */
@@ -435,28 +461,30 @@ ZEB_API zeb_bb_seg *zeb_bb_seglist_getnext(const zeb_bb_seg *segment);
 /* First of SEGMENTS, null when empty. */
 ZEB_API zeb_bb_seg *zeb_bb_seglist_getfirst(const zeb_bb_seglist *segments);
 
-/* Value and its length in bytes; a NUL follows the value. Null and 0 for null. A null LENGTH is not written. */
+/* Value and its length in bytes; a NUL follows the value. Null and 0 for null. A null LENGTH is not written.
+ */
 ZEB_API const char *zeb_bb_elem_getvalue(const zeb_bb_elem *element, int32_t *length);
 
 ZEB_API const char *zeb_bb_elem_getname(const zeb_bb_elem *element);
 
-/* Adds NAME with the LENGTH bytes at VALUE (-1: up to its NUL), at the end; an element of that name goes. Both may point
- * into the element that goes. Returns the element; null when an argument is null, LENGTH is below -1, or memory is out,
- * in which case the former element is gone all the same. */
-ZEB_API zeb_bb_elem *zeb_bb_seg_addelement_b(zeb_bb_seg *segment, const char *name, const void *value, int32_t length);
+/* Adds NAME with the LENGTH bytes at VALUE (-1: up to its NUL), at the end; an element of that name goes.
+ * Both may point into the element that goes. Returns the element; null when an argument is null, LENGTH is
+ * below -1, or memory is out, in which case the former element is gone all the same. */
+ZEB_API zeb_bb_elem *zeb_bb_seg_addelement_b(zeb_bb_seg *segment, const char *name, const void *value,
+                                             int32_t length);
 
 /* The same with VALUE as text. */
 ZEB_API zeb_bb_elem *zeb_bb_seg_addelement(zeb_bb_seg *segment, const char *name, const char *value);
 
-/* Value of the element NAME and its length; null and 0 when there is none. For a null segment *LENGTH is left alone. A
- * null LENGTH is not written. */
+/* Value of the element NAME and its length; null and 0 when there is none. For a null segment *LENGTH is left
+ * alone. A null LENGTH is not written. */
 ZEB_API const char *zeb_bb_seg_getelement(const zeb_bb_seg *segment, const char *name, int32_t *length);
 
 /* The segment's elements, null for null. */
 ZEB_API zeb_bb_elemlist *zeb_bb_seg_getelements(zeb_bb_seg *segment);
 
-/* The sub-segment NAME, added at the end when there is none; an existing one is returned as it is. Null when an argument is
- * null or memory is out. */
+/* The sub-segment NAME, added at the end when there is none; an existing one is returned as it is. Null when
+ * an argument is null or memory is out. */
 ZEB_API zeb_bb_seg *zeb_bb_seg_addsegment(zeb_bb_seg *segment, const char *name);
 
 /* First sub-segment NAME, or null. */
@@ -472,13 +500,15 @@ ZEB_API zeb_bb_seg *zeb_bb_addsegment(zeb_bb *block, const char *name);
 ZEB_API zeb_bb_seg *zeb_bb_getsegment(const zeb_bb *block, const char *name);
 ZEB_API zeb_bb_seglist *zeb_bb_getsegments(zeb_bb *block);
 
-/* New block from LENGTH bytes at BODY; null when they do not begin with the signature of a block, or memory is out. What
- * follows may be damaged: reading ends there and the block holds what came before. The caller destroys it. */
+/* New block from LENGTH bytes at BODY; null when they do not begin with the signature of a block, or memory
+ * is out. What follows may be damaged: reading ends there and the block holds what came before. The caller
+ * destroys it. */
 ZEB_API zeb_bb *zeb_bb_body2block(const void *body, int32_t length);
 
-/* New bytes for BLOCK, their count in *LENGTH, which must not be null. The caller frees them. Null, *LENGTH untouched, when
- * memory is out or the bytes would be more than INT32_MAX. Names of segments up to 65533 bytes, names and values of elements
- * up to 65534 and 256 levels survive the journey; more is written but not read back whole. */
+/* New bytes for BLOCK, their count in *LENGTH, which must not be null. The caller frees them. Null, *LENGTH
+ * untouched, when memory is out or the bytes would be more than INT32_MAX. Names of segments up to 65533
+ * bytes, names and values of elements up to 65534 and 256 levels survive the journey; more is written but not
+ * read back whole. */
 ZEB_API void *zeb_bb_block2body(const zeb_bb *block, int32_t *length);
 
 /* Releases BLOCK and everything in it. Null is ignored. */

@@ -1,0 +1,187 @@
+/* Locks, conditions and flags: thin wrappers over pthreads that clang's thread-safety analysis understands.
+ *
+ * Lock order, outermost first. A lock may be taken while those above it are held, never the other way round:
+ *
+ *   1. remote-call client lock          one per client
+ *   2. ezebglobalmutex                  start-up, shutdown, fork; then the runtime's forkmutex (fork
+ * interlock)
+ *   3. runtime regmutex                 the tables of subscribers and publishers; held while delivering
+ *   4. subscriber lock                  one per subscriber
+ *   5. queue lock, list lock            leaves: never two at once
+ *   6. recv.mutex, send.sbmutex,        leaves: the connection, the send buffer's pointer,
+ *      namemutex, ezebctxmutex          the instance name, the runtime pointer
+ *
+ * No lock of ours is held while an application's call-back runs, except the remote-call client's. Nothing
+ * that blocks (read, write, connect, close, getaddrinfo, join, sleep, printing) happens under 3 to 6. A fork
+ * takes 2, 3, the send queue's lock and ezebctxmutex, in that order.
+ *
+ * Mutexes stand inside heap records, so a forked child releases them with their record, without destroying
+ * them: their state there is unknown, and destroying a condition that a vanished thread waits on never
+ * returns. */
+#ifndef EZEBLOCK_H
+#define EZEBLOCK_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <time.h>
+
+#if defined(__clang__)
+#define EZEB_TSA(x) __attribute__((x))
+#else
+#define EZEB_TSA(x)
+#endif
+#define EZEB_CAPABILITY(name) EZEB_TSA(capability(name))
+#define EZEB_SCOPED EZEB_TSA(scoped_lockable)
+#define EZEB_GUARDED_BY(m) EZEB_TSA(guarded_by(m))
+#define EZEB_ACQUIRE(...) EZEB_TSA(acquire_capability(__VA_ARGS__))
+#define EZEB_TRY_ACQUIRE(...) EZEB_TSA(try_acquire_capability(__VA_ARGS__))
+#define EZEB_RELEASE(...) EZEB_TSA(release_capability(__VA_ARGS__))
+#define EZEB_REQUIRES(...) EZEB_TSA(requires_capability(__VA_ARGS__))
+#define EZEB_NO_ANALYSIS EZEB_TSA(no_thread_safety_analysis)
+
+/* Stops debug builds only: a failing pthread call on these objects is a defect of ours, never a condition to
+ * handle. */
+inline void ezeb_pthread_ok(int result)
+{
+#ifndef NDEBUG
+    if (result != 0)
+        __builtin_trap();
+#else
+    (void)result;
+#endif
+}
+
+struct EZEB_CAPABILITY("mutex") ezeb_mutex {
+    pthread_mutex_t m;
+};
+
+struct ezeb_cond {
+    pthread_cond_t c;
+};
+
+#define EZEB_MUTEX_INITIALIZER                                                                               \
+    {                                                                                                        \
+        PTHREAD_MUTEX_INITIALIZER                                                                            \
+    }
+#define EZEB_COND_INITIALIZER                                                                                \
+    {                                                                                                        \
+        PTHREAD_COND_INITIALIZER                                                                             \
+    }
+
+inline void ezeb_mutex_init(ezeb_mutex *mutex)
+{
+    ezeb_pthread_ok(pthread_mutex_init(&mutex->m, nullptr));
+}
+
+inline void ezeb_mutex_destroy(ezeb_mutex *mutex)
+{
+    ezeb_pthread_ok(pthread_mutex_destroy(&mutex->m));
+}
+
+inline void ezeb_mutex_lock(ezeb_mutex *mutex) EZEB_ACQUIRE(mutex) EZEB_NO_ANALYSIS
+{
+    ezeb_pthread_ok(pthread_mutex_lock(&mutex->m));
+}
+
+inline void ezeb_mutex_unlock(ezeb_mutex *mutex) EZEB_RELEASE(mutex) EZEB_NO_ANALYSIS
+{
+    ezeb_pthread_ok(pthread_mutex_unlock(&mutex->m));
+}
+
+inline bool ezeb_mutex_trylock(ezeb_mutex *mutex) EZEB_TRY_ACQUIRE(true, mutex) EZEB_NO_ANALYSIS
+{
+    return pthread_mutex_trylock(&mutex->m) == 0;
+}
+
+/* Holds a mutex from its declaration to the end of the block. */
+class EZEB_SCOPED ezeb_locked
+{
+  public:
+    explicit ezeb_locked(ezeb_mutex *mutex) EZEB_ACQUIRE(mutex) : held(mutex)
+    {
+        ezeb_mutex_lock(mutex);
+    }
+    ~ezeb_locked() EZEB_RELEASE()
+    {
+        ezeb_mutex_unlock(held);
+    }
+    ezeb_locked(const ezeb_locked &) = delete;
+    ezeb_locked &operator=(const ezeb_locked &) = delete;
+
+  private:
+    ezeb_mutex *held;
+};
+
+inline void ezeb_cond_init(ezeb_cond *cond)
+{
+    ezeb_pthread_ok(pthread_cond_init(&cond->c, nullptr));
+}
+
+inline void ezeb_cond_destroy(ezeb_cond *cond)
+{
+    ezeb_pthread_ok(pthread_cond_destroy(&cond->c));
+}
+
+inline void ezeb_cond_signal(ezeb_cond *cond)
+{
+    ezeb_pthread_ok(pthread_cond_signal(&cond->c));
+}
+
+inline void ezeb_cond_broadcast(ezeb_cond *cond)
+{
+    ezeb_pthread_ok(pthread_cond_broadcast(&cond->c));
+}
+
+inline void ezeb_cond_wait(ezeb_cond *cond, ezeb_mutex *mutex) EZEB_REQUIRES(mutex)
+{
+    ezeb_pthread_ok(pthread_cond_wait(&cond->c, &mutex->m));
+}
+
+/* One wait: false when DEADLINE (wall clock) has passed. May return true without a signal. */
+inline bool ezeb_cond_waituntil(ezeb_cond *cond, ezeb_mutex *mutex, const timespec *deadline)
+    EZEB_REQUIRES(mutex)
+{
+    return pthread_cond_timedwait(&cond->c, &mutex->m, deadline) == 0;
+}
+
+/* The end of a timed wait of TIMEOUT milliseconds, counted from the start of the current second, with the
+ * remaining milliseconds times 1000 as nanoseconds: a wait below one second ends at once, and T ms end T/1000
+ * - 1 to T/1000 seconds from now. Meant so, in every timed wait of the library; pinned by the tests of the
+ * queue. */
+inline timespec ezeb_deadline(int64_t timeout)
+{
+    timespec deadline;
+    const time_t now = time(nullptr);
+    if (__builtin_add_overflow(now, timeout / 1000, &deadline.tv_sec))
+        deadline.tv_sec = INT64_MAX;
+    deadline.tv_nsec = static_cast<long>(timeout % 1000) * 1000L;
+    return deadline;
+}
+
+/* Flags and counts that are read outside their lock. Relaxed: they only shorten a path or are looked at again
+ * under the lock; what must be ordered uses the acquire and release forms by name. */
+template <typename T>
+inline T ezeb_flag_get(const T *flag)
+{
+    return __atomic_load_n(flag, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+inline void ezeb_flag_set(T *flag, T value)
+{
+    __atomic_store_n(flag, value, __ATOMIC_RELAXED);
+}
+
+/* Reference counts. ezeb_unref returns true for the caller who gave back the last one and now owns the record
+ * alone. */
+inline void ezeb_ref(int32_t *count)
+{
+    __atomic_fetch_add(count, 1, __ATOMIC_RELAXED);
+}
+
+inline bool ezeb_unref(int32_t *count)
+{
+    return __atomic_fetch_sub(count, 1, __ATOMIC_ACQ_REL) == 1;
+}
+
+#endif

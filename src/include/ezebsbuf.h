@@ -1,0 +1,42 @@
+/* Buffered reading and writing over one connected socket. One thread uses a buffer, for reading or for
+ * writing; only ezeb_sb_invalidate comes from elsewhere. The buffer never closes the descriptor. Results are
+ * 1, or 0 for a failure, which every caller takes for the loss of the connection. */
+#ifndef EZEBSBUF_H
+#define EZEBSBUF_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+enum { EZEB_SB_STEP = 2048 }; /* first size, and the step of growth */
+
+struct ezeb_sb {
+    char *buf;
+    uint32_t capacity;
+    uint32_t start;   /* first byte not consumed */
+    uint32_t end;     /* behind the last byte read, or the last byte waiting to be written */
+    uint32_t scanned; /* a line end is known not to be before this; keeps long lines linear */
+    int32_t fd;
+    int32_t valid; /* cleared by any thread, through ezeb_flag_set */
+    uint64_t sent; /* bytes handed to the kernel since creation */
+};
+
+ezeb_sb *ezeb_sb_create(int32_t fd); /* null when FD is -1 or memory is out */
+void ezeb_sb_free(ezeb_sb *sb);      /* null is ignored */
+int32_t ezeb_sb_getfd(const ezeb_sb *sb);
+void ezeb_sb_invalidate(ezeb_sb *sb);
+
+/* Next line without its line feed and one carriage return before it. *LINE lives until the next call on this
+ * buffer. Lines have no limit but memory. */
+int32_t ezeb_sb_gets(ezeb_sb *sb, char **line);
+
+/* Exactly LENGTH bytes. A failure says on standard error how many are missing; the second form counts LATER
+ * bytes more, which the caller would have asked for next. */
+int32_t ezeb_sb_readbytes(ezeb_sb *sb, void *dst, size_t length);
+int32_t ezeb_sb_readpart(ezeb_sb *sb, void *dst, size_t length, size_t later);
+
+int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length);
+int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length);
+int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s); /* a string; null writes nothing */
+int32_t ezeb_sb_flush(ezeb_sb *sb);
+
+#endif

@@ -1,0 +1,625 @@
+/* Notifications: the object and its wire format. Nothing here is locked; the holder fields belong to
+ * zebsubscriber.
+ *
+ * On the wire every header has its place: the writer puts them in one fixed order, the reader skips as many
+ * bytes as the expected name takes without comparing it, and takes the rest of the line as value. */
+#include "ezebnotification.h"
+
+#include "ezeblogicaladdr.h"
+#include "ezebproplist.h"
+#include "ezebruntime.h"
+
+#include <string.h>
+
+/* ---- The object ---- */
+
+static constexpr const char *classnames[] = {
+    "MessageNotification",           "MembershipListNotification",    "MembershipDeltaNotification",
+    "OutgoingStreamingNotification", "IncomingStreamingNotification", "StateGetNotification",
+    "StateSetNotification",          "LeaveGroupNotification",        "UnknownNotificationClass",
+};
+
+const char *ezeb_notification_classname(uint32_t cls)
+{
+    return classnames[cls < ZEB_CLASS_UNKNOWN ? cls : static_cast<uint32_t>(ZEB_CLASS_UNKNOWN)];
+}
+
+/* Classes that carry origin fields, local-only flag and properties. */
+static bool is_messagelike(uint32_t cls)
+{
+    return cls == ZEB_CLASS_MESSAGE || cls == ZEB_CLASS_OUTGOINGSTREAM || cls == ZEB_CLASS_INCOMINGSTREAM;
+}
+
+static zeb_notification *new_notification(void)
+{
+    /* The room behind the fields need not be zeroed. */
+    auto *n = static_cast<zeb_notification *>(ezeb_malloc(sizeof(zeb_notification)));
+    if (n == nullptr)
+        return nullptr;
+    memset(static_cast<void *>(n), 0, offsetof(zeb_notification, room));
+    ezeb_arena_init(&n->strings, n->room, sizeof(n->room));
+    return n;
+}
+
+static const char *keep(zeb_notification *n, const char *s)
+{
+    return ezeb_arena_strndup(&n->strings, s, strlen(s));
+}
+
+zeb_notification *ezeb_notification_create(const char *type, const void *body, int32_t bodyLength)
+{
+    if (type == nullptr || (body == nullptr && bodyLength > 0))
+        return nullptr;
+    zeb_notification *n = new_notification();
+    if (n == nullptr)
+        return nullptr;
+    n->bodyLength = bodyLength;
+    n->type = keep(n, type);
+    bool complete = n->type != nullptr;
+    if (complete && bodyLength > 0) {
+        const auto length = static_cast<size_t>(bodyLength);
+        n->body = static_cast<char *>(ezeb_malloc(length + 1));
+        complete = n->body != nullptr;
+        if (complete) {
+            memcpy(n->body, body, length);
+            n->body[length] =
+                '\0'; /* as received bodies have it, so that text bodies can be shown as they are */
+        }
+    }
+    if (complete)
+        return n;
+    ezeb_notification_destroy(n);
+    return nullptr;
+}
+
+void ezeb_notification_destroy(zeb_notification *n)
+{
+    if (n == nullptr)
+        return;
+    ezeb_free(n->body);
+    ezeb_logicaladdr_destroy(&n->generatingAddress);
+    ezeb_laddrlist_destroy(&n->destinationAddrs);
+    ezeb_laddrlist_destroy(&n->memberList);
+    ezeb_laddrlist_destroy(&n->membersAdded);
+    ezeb_laddrlist_destroy(&n->membersRemoved);
+    ezeb_arena_release(&n->strings);
+    ezeb_free(n);
+}
+
+void ezeb_notification_setClass(zeb_notification *n, uint32_t cls)
+{
+    n->cls = cls;
+}
+
+uint32_t ezeb_notification_getClass(const zeb_notification *n)
+{
+    return n != nullptr ? n->cls : static_cast<uint32_t>(ZEB_CLASS_UNKNOWN);
+}
+
+void ezeb_notification_setLocalOnly(zeb_notification *n)
+{
+    if (n != nullptr)
+        n->localOnly = 1;
+}
+
+int32_t ezeb_notification_localOnly(const zeb_notification *n)
+{
+    return n != nullptr ? n->localOnly : 0;
+}
+
+const char *ezeb_notification_type(const zeb_notification *n)
+{
+    return n != nullptr ? n->type : nullptr;
+}
+
+const char *ezeb_notification_id(const zeb_notification *n)
+{
+    return n != nullptr ? n->id : nullptr;
+}
+
+const char *ezeb_notification_stamp(const zeb_notification *n)
+{
+    return n != nullptr ? n->stamp : nullptr;
+}
+
+const char *ezeb_notification_instanceName(const zeb_notification *n)
+{
+    return n != nullptr ? n->instanceName : nullptr;
+}
+
+const char *ezeb_notification_generatingComponent(const zeb_notification *n)
+{
+    return n != nullptr ? n->generatingComponent : nullptr;
+}
+
+const char *ezeb_notification_generatingNode(const zeb_notification *n)
+{
+    return n != nullptr ? n->generatingNode : nullptr;
+}
+
+const char *ezeb_notification_generatingProcess(const zeb_notification *n)
+{
+    return n != nullptr ? n->generatingProcess : nullptr;
+}
+
+const char *ezeb_notification_affectedComponents(const zeb_notification *n)
+{
+    return n != nullptr ? n->affectedComponents : nullptr;
+}
+
+const char *ezeb_notification_affectedNodes(const zeb_notification *n)
+{
+    return n != nullptr ? n->affectedNodes : nullptr;
+}
+
+const char *ezeb_notification_getStreamKey(const zeb_notification *n)
+{
+    return n != nullptr ? n->streamKey : nullptr;
+}
+
+enum { MS_PER_SECOND = 1000 };
+
+int64_t ezeb_notification_creationTime(const zeb_notification *n)
+{
+    return n != nullptr ? n->creationTime / MS_PER_SECOND : 0; /* "not yet known", -1, reads as 0 */
+}
+
+int64_t ezeb_notification_deliveryTime(const zeb_notification *n)
+{
+    return n != nullptr ? n->deliveryTime / MS_PER_SECOND : 0;
+}
+
+const void *ezeb_notification_body(const zeb_notification *n, int32_t *length)
+{
+    if (n == nullptr)
+        return nullptr;
+    if (length != nullptr)
+        *length = n->bodyLength;
+    return n->body;
+}
+
+void ezeb_notification_body_forget(zeb_notification *n)
+{
+    n->body = nullptr;
+    n->bodyLength = 0;
+}
+
+/* ---- Addresses ---- */
+
+zeb_logicaladdr *ezeb_notification_generatingAddress(const zeb_notification *n)
+{
+    return n != nullptr ? n->generatingAddress : nullptr;
+}
+
+zeb_laddrlist *ezeb_notification_getDestinationAddrs(const zeb_notification *n)
+{
+    return n != nullptr ? n->destinationAddrs : nullptr;
+}
+
+zeb_laddrlist *ezeb_notification_obtainMemberList(const zeb_notification *n)
+{
+    return n != nullptr ? n->memberList : nullptr;
+}
+
+zeb_laddrlist *ezeb_notification_getMembersAdded(const zeb_notification *n)
+{
+    return n != nullptr ? n->membersAdded : nullptr;
+}
+
+zeb_laddrlist *ezeb_notification_getMembersRemoved(const zeb_notification *n)
+{
+    return n != nullptr ? n->membersRemoved : nullptr;
+}
+
+int32_t ezeb_notification_isMembership(const zeb_notification *n)
+{
+    return n != nullptr && (n->cls == ZEB_CLASS_MEMBERSHIPLIST || n->cls == ZEB_CLASS_MEMBERSHIPDELTA);
+}
+
+/* The new list is complete before the old one goes: what is copied may stand in it. */
+static void replace_destinations(zeb_notification *n, zeb_laddrlist *fresh)
+{
+    if (fresh == nullptr)
+        return;
+    ezeb_laddrlist_destroy(&n->destinationAddrs);
+    n->destinationAddrs = fresh;
+}
+
+void ezeb_notification_setDestinationAddr(zeb_notification *n, const zeb_logicaladdr *address)
+{
+    if (n == nullptr || address == nullptr)
+        return;
+    zeb_laddrlist *fresh = ezeb_laddrlist_create();
+    if (fresh != nullptr)
+        ezeb_laddrlist_add(fresh, address);
+    if (ezeb_laddrlist_count(fresh) == 0)
+        ezeb_laddrlist_destroy(&fresh); /* an empty list would make it a broadcast */
+    replace_destinations(n, fresh);
+}
+
+void ezeb_notification_setDestinationAddrs(zeb_notification *n, const zeb_laddrlist *addresses)
+{
+    if (n != nullptr && addresses != nullptr)
+        replace_destinations(n, ezeb_laddrlist_dup(addresses));
+}
+
+/* ---- Properties ---- */
+
+static constexpr char illegal_name[] =
+    "ILLEGAL PROPERTY NAME [Property name must not contain ':', '\\r', or '\\n']";
+static constexpr char illegal_value[] =
+    "ILLEGAL PROPERTY VALUE [Property value must not contain '\\r' or '\\n']";
+
+/* Puts a node with copies at the head; false when memory is out. */
+static bool push_property(zeb_notification *n, const char *name, size_t namelength, const char *value)
+{
+    auto *node = static_cast<ezeb_propnode *>(ezeb_arena_alloc(&n->strings, sizeof(ezeb_propnode)));
+    if (node == nullptr)
+        return false;
+    node->name = ezeb_arena_strndup(&n->strings, name, namelength);
+    node->value = keep(n, value);
+    if (node->name == nullptr || node->value == nullptr)
+        return false;
+    node->next = n->properties;
+    n->properties = node;
+    return true;
+}
+
+/* An illegal name or value is not refused: a text that says so takes its place, travels and is shown. */
+int32_t ezeb_notification_setProperty(zeb_notification *n, const char *name, const char *value)
+{
+    if (n == nullptr || name == nullptr || value == nullptr)
+        return -2;
+    const bool badname = strpbrk(name, ":\r\n") != nullptr;
+    const bool badvalue = strpbrk(value, "\r\n") != nullptr;
+    const char *storedname = badname ? illegal_name : name;
+    if (!push_property(n, storedname, strlen(storedname), badvalue ? illegal_value : value))
+        return -2;
+    return badname || badvalue ? -1 : 0;
+}
+
+/* The newest node of a name wins here; a receiver holds the nodes in reverse order and finds the oldest. */
+const char *ezeb_notification_getProperty(const zeb_notification *n, const char *name)
+{
+    if (n == nullptr || name == nullptr)
+        return nullptr;
+    for (const ezeb_propnode *node = n->properties; node != nullptr; node = node->next) {
+        if (strcmp(node->name, name) == 0)
+            return node->value;
+    }
+    return nullptr;
+}
+
+static int32_t count_properties(const zeb_notification *n)
+{
+    int32_t count = 0;
+    for (const ezeb_propnode *node = n->properties; node != nullptr; node = node->next)
+        count++;
+    return count;
+}
+
+zeb_property *ezeb_notification_getAllProperties(const zeb_notification *n, int32_t *count)
+{
+    const int32_t found = n != nullptr ? count_properties(n) : 0;
+    zeb_property *all = nullptr;
+    if (found > 0) {
+        all = static_cast<zeb_property *>(ezeb_malloc(static_cast<size_t>(found) * sizeof(zeb_property)));
+        if (all == nullptr)
+            return nullptr; /* the count stays unwritten */
+        zeb_property *next = all;
+        for (const ezeb_propnode *node = n->properties; node != nullptr; node = node->next)
+            *next++ = {const_cast<char *>(node->name), const_cast<char *>(node->value)};
+    }
+    if (count != nullptr)
+        *count = found;
+    return all;
+}
+
+int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component, const char *node,
+                                      const char *process, const char *id, int32_t subscriberId)
+{
+    n->generatingComponent = keep(n, component);
+    n->generatingNode = keep(n, node);
+    n->generatingProcess = keep(n, process);
+    n->id = keep(n, id);
+    n->creationTime = -1;
+    n->subscriberId = subscriberId;
+    return n->generatingComponent != nullptr && n->generatingNode != nullptr &&
+           n->generatingProcess != nullptr && n->id != nullptr;
+}
+
+/* ---- Writing ---- */
+
+/* NAME, with its colon and space, VALUE (null: empty) and the line end. */
+static int32_t write_header(ezeb_sb *sb, const char *name, const char *value)
+{
+    return ezeb_sb_puts(sb, name) && ezeb_sb_puts(sb, value) && ezeb_sb_write(sb, "\r\n", 2);
+}
+
+static int32_t write_number(ezeb_sb *sb, const char *name, int64_t value)
+{
+    char text[EZEB_INT_TEXT];
+    ezeb_int2str(text, value);
+    return write_header(sb, name, text);
+}
+
+static int32_t write_property(ezeb_sb *sb, const char *name, const char *value)
+{
+    return ezeb_sb_puts(sb, name) && ezeb_sb_write(sb, ": ", 2) && ezeb_sb_puts(sb, value) &&
+           ezeb_sb_write(sb, "\r\n", 2);
+}
+
+int32_t ezeb_write_proplist(const zeb_proplist *list, ezeb_sb *sb)
+{
+    if (sb == nullptr)
+        return 0;
+    const int32_t count = ezeb_proplist_count(list);
+    int32_t ok = write_number(sb, "numberOfProperties: ", count);
+    for (int32_t i = 0; ok && i < count; i++)
+        ok = write_property(sb, list->entries[i].name, list->entries[i].value);
+    return ok;
+}
+
+static int32_t write_properties(const zeb_notification *n, ezeb_sb *sb)
+{
+    int32_t ok = write_number(sb, "numberOfProperties: ", count_properties(n));
+    for (const ezeb_propnode *node = n->properties; ok && node != nullptr; node = node->next)
+        ok = write_property(sb, node->name, node->value);
+    return ok;
+}
+
+/* The instance name is the runtime's, learned at connect, not the notification's own field. */
+static int32_t write_instancename(ezeb_runtime *rt, ezeb_sb *sb)
+{
+    ezeb_sharedtext *name = ezeb_instancename_ref(rt);
+    const int32_t ok = ezeb_sb_puts(sb, "instanceName: ") &&
+                       (name == nullptr || ezeb_sb_write(sb, name->text, name->length)) &&
+                       ezeb_sb_write(sb, "\r\n", 2);
+    ezeb_sharedtext_unref(name);
+    return ok;
+}
+
+static int32_t write_origin(ezeb_runtime *rt, const zeb_notification *n, ezeb_sb *sb)
+{
+    return write_header(sb, "affectedComponents: ", n->affectedComponents) &&
+           write_header(sb, "affectedNodes: ", n->affectedNodes) &&
+           write_header(sb, "generatingComponent: ", n->generatingComponent) &&
+           write_header(sb, "generatingProcess: ", n->generatingProcess) &&
+           write_header(sb, "generatingNode: ", n->generatingNode) && write_instancename(rt, sb) &&
+           write_header(sb, "LocalOnly: ", n->localOnly != 0 ? "true" : "false") && write_properties(n, sb) &&
+           (n->cls != ZEB_CLASS_INCOMINGSTREAM || write_header(sb, "streamKey: ", n->streamKey));
+}
+
+static int32_t write_event(ezeb_runtime *rt, const zeb_notification *n, const void *addresses,
+                           int32_t addresslength, ezeb_sb *sb)
+{
+    const int32_t bodylength = n->bodyLength > 0 ? n->bodyLength : 0;
+    return ezeb_sb_puts(sb, "POST /event HTTP/1.1\r\n") &&
+           write_header(sb, "className: ", ezeb_notification_classname(n->cls)) &&
+           write_number(sb, "SubscriberID: ", n->subscriberId) && write_header(sb, "eventType: ", n->type) &&
+           write_header(sb, "eventId: ", n->id) && (!is_messagelike(n->cls) || write_origin(rt, n, sb)) &&
+           write_number(sb, "Content-Length: ", bodylength) &&
+           write_number(sb, "AddrList-Length: ", addresslength) && ezeb_sb_write(sb, "\r\n", 2) &&
+           ezeb_sb_write(sb, n->body, static_cast<size_t>(bodylength)) &&
+           ezeb_sb_write(sb, addresses, static_cast<size_t>(addresslength)) && ezeb_sb_flush(sb);
+}
+
+int32_t ezeb_notification_write(ezeb_runtime *rt, const zeb_notification *n, ezeb_sb *sb)
+{
+    if (n == nullptr)
+        return -1;
+    int32_t length = 0;
+    void *addresses = ezeb_laddrlist_toBody(n->destinationAddrs, &length);
+    if (addresses == nullptr && ezeb_laddrlist_count(n->destinationAddrs) > 0)
+        return 0; /* no memory; without its addresses the event would go to everybody */
+    const int32_t result = write_event(rt, n, addresses, length, sb);
+    ezeb_free(addresses);
+    return result;
+}
+
+/* ---- Reading ---- */
+
+/* The value of the next header line, which is good until the next read. Its name takes SKIP bytes, whatever
+ * they are. */
+static char *read_value(ezeb_sb *sb, size_t skip)
+{
+    char *line;
+    return ezeb_sb_skip(sb, skip) && ezeb_sb_gets(sb, &line) ? line : nullptr;
+}
+
+/* Bytes that the name of a header takes with its colon and space. */
+template <size_t N>
+static constexpr size_t skip_of(const char (&)[N])
+{
+    return N - 1;
+}
+
+static bool read_string(zeb_notification *n, ezeb_sb *sb, size_t skip, const char **field)
+{
+    const char *value = read_value(sb, skip);
+    if (value == nullptr)
+        return false;
+    *field = keep(n, value);
+    return *field != nullptr;
+}
+
+static bool read_int(ezeb_sb *sb, size_t skip, int32_t *out)
+{
+    const char *value = read_value(sb, skip);
+    if (value == nullptr)
+        return false;
+    *out = ezeb_decimal(value);
+    return true;
+}
+
+static bool read_time(ezeb_sb *sb, int64_t *out)
+{
+    enum { TIME_SKIP = 14 }; /* a name of 12 characters, free for the daemon to choose */
+    const char *value = read_value(sb, TIME_SKIP);
+    if (value == nullptr)
+        return false;
+    *out = ezeb_str2ll(value);
+    return true;
+}
+
+static bool read_class(zeb_notification *n, ezeb_sb *sb)
+{
+    const char *name = read_value(sb, skip_of("className: "));
+    if (name == nullptr)
+        return false;
+    n->cls = 0;
+    while (n->cls < ZEB_CLASS_UNKNOWN && strcmp(name, classnames[n->cls]) != 0)
+        n->cls++;
+    return true;
+}
+
+/* "3;9": as many identifiers as separators and one more; an empty one, also the one behind a last ';', is 0.
+ */
+static bool read_ids(ezeb_sb *sb, int32_t **ids, int32_t *idcount)
+{
+    const char *value = read_value(sb, skip_of("SubscriberID: "));
+    if (value == nullptr || *value == '\0')
+        return false;
+    size_t count = 1;
+    for (const char *p = value; (p = strchr(p, ';')) != nullptr; p++)
+        count++;
+    if (count > INT32_MAX)
+        return false;
+    *ids = static_cast<int32_t *>(ezeb_malloc(count * sizeof(int32_t)));
+    if (*ids == nullptr)
+        return false;
+    *idcount = static_cast<int32_t>(count);
+    const char *p = value;
+    for (size_t i = 0; i < count; i++) {
+        const char *end = strchr(p, ';');
+        (*ids)[i] = *p == ';' ? 0 : ezeb_decimal(p);
+        p = end != nullptr ? end + 1 : p;
+    }
+    return true;
+}
+
+/* A line without a colon counts, but gives no property. The byte behind the colon is dropped, whatever it is.
+ */
+static bool take_property(zeb_notification *n, const char *line)
+{
+    const char *colon = strchr(line, ':');
+    if (colon == nullptr)
+        return true;
+    const char *value = colon[1] != '\0' ? colon + 2 : colon + 1;
+    return push_property(n, line, static_cast<size_t>(colon - line), value);
+}
+
+/* The writer sends the list from its head and each line is pushed at the head here, so it arrives in reverse.
+ * Both sides keep it so. */
+static bool read_properties(zeb_notification *n, ezeb_sb *sb)
+{
+    int32_t count = 0;
+    if (!read_int(sb, skip_of("numberOfProperties: "), &count))
+        return false;
+    char *line;
+    for (int32_t i = 0; i < count; i++) {
+        if (!ezeb_sb_gets(sb, &line) || !take_property(n, line))
+            return false;
+    }
+    return true;
+}
+
+static bool read_localonly(zeb_notification *n, ezeb_sb *sb)
+{
+    const char *value = read_value(sb, skip_of("LocalOnly: "));
+    if (value == nullptr)
+        return false;
+    n->localOnly = strcmp(value, "true") == 0;
+    return true;
+}
+
+static bool read_origin(zeb_notification *n, ezeb_sb *sb)
+{
+    return read_string(n, sb, skip_of("affectedComponents: "), &n->affectedComponents) &&
+           read_string(n, sb, skip_of("affectedNodes: "), &n->affectedNodes) &&
+           read_string(n, sb, skip_of("generatingComponent: "), &n->generatingComponent) &&
+           read_string(n, sb, skip_of("generatingProcess: "), &n->generatingProcess) &&
+           read_string(n, sb, skip_of("generatingNode: "), &n->generatingNode) &&
+           read_string(n, sb, skip_of("instanceName: "), &n->instanceName) && read_localonly(n, sb) &&
+           read_properties(n, sb) &&
+           (n->cls != ZEB_CLASS_INCOMINGSTREAM || read_string(n, sb, skip_of("streamKey: "), &n->streamKey));
+}
+
+/* LENGTH bytes with a NUL behind them, or null. The block grows as bytes arrive: an announced length alone
+ * commits little memory. */
+static char *read_block(ezeb_sb *sb, int32_t length)
+{
+    constexpr size_t FIRST_STEP = 1024 * 1024;
+    const auto wanted = static_cast<size_t>(length);
+    char *block = nullptr;
+    size_t have = 0;
+    while (have < wanted) {
+        size_t next = have == 0 ? FIRST_STEP : have * 2;
+        if (next > wanted)
+            next = wanted;
+        char *grown = static_cast<char *>(ezeb_realloc(block, next + 1));
+        if (grown == nullptr || !ezeb_sb_readpart(sb, grown + have, next - have, wanted - next)) {
+            ezeb_free(grown != nullptr ? grown : block);
+            return nullptr;
+        }
+        block = grown;
+        have = next;
+    }
+    block[wanted] = '\0';
+    return block;
+}
+
+static bool read_addresses(zeb_notification *n, ezeb_sb *sb, int32_t length)
+{
+    char *bytes = read_block(sb, length);
+    if (bytes == nullptr)
+        return false;
+    ezeb_laddrlist_fromBody(&n->generatingAddress, &n->destinationAddrs, &n->memberList, &n->membersAdded,
+                            &n->membersRemoved, bytes, length);
+    ezeb_free(bytes);
+    return true;
+}
+
+static bool read_blocks(zeb_notification *n, ezeb_sb *sb)
+{
+    enum {
+        EMPTY_LINE = 2
+    }; /* two bytes, whatever they are: a daemon that ends lines with LF alone loses a byte here */
+    int32_t bodylength = 0;
+    int32_t addresslength = 0;
+    if (!read_int(sb, skip_of("Content-Length: "), &bodylength) ||
+        !read_int(sb, skip_of("AddrList-Length: "), &addresslength) || !ezeb_sb_skip(sb, EMPTY_LINE))
+        return false;
+    if (bodylength > 0) {
+        n->body = read_block(sb, bodylength);
+        if (n->body == nullptr)
+            return false;
+        n->bodyLength = bodylength;
+    }
+    return addresslength < 1 || read_addresses(n, sb, addresslength);
+}
+
+static bool read_into(zeb_notification *n, ezeb_sb *sb, int32_t **ids, int32_t *idcount)
+{
+    if (!read_class(n, sb) || !read_ids(sb, ids, idcount) ||
+        !read_string(n, sb, skip_of("eventType: "), &n->type) ||
+        !read_string(n, sb, skip_of("eventId: "), &n->id) || !read_time(sb, &n->creationTime) ||
+        !read_time(sb, &n->deliveryTime))
+        return false;
+    if (n->cls == ZEB_CLASS_UNKNOWN) {
+        ezeb_diag("Notification Read Error: unknown class of notification\n");
+        return false;
+    }
+    return (!is_messagelike(n->cls) || read_origin(n, sb)) && read_blocks(n, sb);
+}
+
+zeb_notification *ezeb_notification_read(ezeb_sb *sb, int32_t **ids, int32_t *idcount)
+{
+    zeb_notification *n = new_notification();
+    if (n == nullptr)
+        return nullptr;
+    if (read_into(n, sb, ids, idcount))
+        return n;
+    ezeb_notification_destroy(n);
+    return nullptr;
+}

@@ -1,0 +1,207 @@
+/* Buffered reading and writing over one socket. Each buffer belongs to one service thread; both block every
+ * signal, so a read or write is never interrupted there, and a vanished peer is an error instead of a signal.
+ */
+#include "ezebsbuf.h"
+
+#include "ezeblock.h"
+#include "ezebutil.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+ezeb_sb *ezeb_sb_create(int32_t fd)
+{
+    if (fd == -1)
+        return nullptr;
+    auto *sb = ezeb_new<ezeb_sb>();
+    if (sb == nullptr)
+        return nullptr;
+    sb->buf = static_cast<char *>(ezeb_malloc(EZEB_SB_STEP));
+    if (sb->buf == nullptr) {
+        ezeb_free(sb);
+        return nullptr;
+    }
+    sb->capacity = EZEB_SB_STEP;
+    sb->fd = fd;
+    sb->valid = 1;
+    return sb;
+}
+
+void ezeb_sb_free(ezeb_sb *sb)
+{
+    if (sb == nullptr)
+        return;
+    ezeb_free(sb->buf);
+    ezeb_free(sb);
+}
+
+int32_t ezeb_sb_getfd(const ezeb_sb *sb)
+{
+    return sb->fd;
+}
+
+void ezeb_sb_invalidate(ezeb_sb *sb)
+{
+    ezeb_flag_set(&sb->valid, 0);
+}
+
+static bool is_valid(const ezeb_sb *sb)
+{
+    return ezeb_flag_get(&sb->valid) != 0;
+}
+
+/* ---- Reading ---- */
+
+static void move_to_front(ezeb_sb *sb)
+{
+    if (sb->start > 0 && sb->end > sb->start)
+        memmove(sb->buf, sb->buf + sb->start, sb->end - sb->start);
+    sb->end -= sb->start;
+    sb->scanned = sb->scanned > sb->start ? sb->scanned - sb->start : 0;
+    sb->start = 0;
+}
+
+/* Lines have no upper limit; only the 32-bit indexes set one. */
+static bool grow(ezeb_sb *sb)
+{
+    if (sb->capacity > UINT32_MAX - EZEB_SB_STEP)
+        return false;
+    char *grown =
+        static_cast<char *>(ezeb_realloc(sb->buf, sb->capacity + static_cast<uint32_t>(EZEB_SB_STEP)));
+    if (grown == nullptr)
+        return false;
+    sb->buf = grown;
+    sb->capacity += EZEB_SB_STEP;
+    return true;
+}
+
+/* One read into the free space. */
+static bool fill(ezeb_sb *sb)
+{
+    move_to_front(sb);
+    if (sb->end == sb->capacity && !grow(sb))
+        return false;
+    const ssize_t n = read(sb->fd, sb->buf + sb->end, sb->capacity - sb->end);
+    if (n <= 0)
+        return false;
+    sb->end += static_cast<uint32_t>(n);
+    return true;
+}
+
+int32_t ezeb_sb_gets(ezeb_sb *sb, char **line)
+{
+    if (!is_valid(sb))
+        return 0;
+    if (sb->scanned < sb->start)
+        sb->scanned = sb->start;
+    char *feed;
+    while ((feed = static_cast<char *>(memchr(sb->buf + sb->scanned, '\n', sb->end - sb->scanned))) ==
+           nullptr) {
+        sb->scanned = sb->end;
+        if (!is_valid(sb) || !fill(sb))
+            return 0;
+    }
+    const uint32_t at = static_cast<uint32_t>(feed - sb->buf);
+    const bool cr = at > sb->start && feed[-1] == '\r';
+    feed[cr ? -1 : 0] = '\0';
+    *line = sb->buf + sb->start;
+    sb->start = at + 1;
+    sb->scanned = sb->start;
+    return 1;
+}
+
+int32_t ezeb_sb_readbytes(ezeb_sb *sb, void *dst, size_t length)
+{
+    return ezeb_sb_readpart(sb, dst, length, 0);
+}
+
+int32_t ezeb_sb_readpart(ezeb_sb *sb, void *dst, size_t length, size_t later)
+{
+    if (!is_valid(sb))
+        return 0;
+    const size_t buffered = sb->end - sb->start;
+    const size_t first = length <= buffered ? length : buffered;
+    if (first > 0)
+        memcpy(dst, sb->buf + sb->start, first);
+    sb->start += static_cast<uint32_t>(first);
+    char *to = static_cast<char *>(dst) + first;
+    for (size_t missing = length - first; missing > 0;) {
+        const ssize_t n = read(sb->fd, to, missing);
+        if (n <= 0) {
+            ezeb_diag("READ LESS THAN THE FULL BUFFER, ret=%d, len=%d\n", static_cast<int>(n),
+                      static_cast<int>(missing + later));
+            return 0;
+        }
+        to += n;
+        missing -= static_cast<size_t>(n);
+    }
+    return 1;
+}
+
+int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length)
+{
+    for (;;) {
+        if (!is_valid(sb))
+            return 0;
+        const size_t buffered = sb->end - sb->start;
+        if (length <= buffered) {
+            sb->start += static_cast<uint32_t>(length);
+            return 1;
+        }
+        length -= buffered;
+        sb->start = sb->end;
+        if (!fill(sb))
+            return 0;
+    }
+}
+
+/* ---- Writing ---- */
+
+/* Writes everything. On a blocking socket a short count means that the connection is failing: the next write
+ * says so. */
+static bool write_all(ezeb_sb *sb, const char *data, size_t length)
+{
+    while (length > 0) {
+        const ssize_t n = write(sb->fd, data, length);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        sb->sent += static_cast<uint64_t>(n);
+        data += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length)
+{
+    if (!is_valid(sb))
+        return 0;
+    if (sb->capacity - sb->end < length) {
+        if (!ezeb_sb_flush(sb))
+            return 0;
+        if (length > sb->capacity)
+            return write_all(sb, static_cast<const char *>(data), length);
+    }
+    if (length > 0)
+        memcpy(sb->buf + sb->end, data, length);
+    sb->end += static_cast<uint32_t>(length);
+    return 1;
+}
+
+int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s)
+{
+    return s == nullptr ? 1 : ezeb_sb_write(sb, s, strlen(s));
+}
+
+int32_t ezeb_sb_flush(ezeb_sb *sb)
+{
+    if (!is_valid(sb))
+        return 0;
+    const uint32_t pending = sb->end;
+    sb->start = 0;
+    sb->end = 0;
+    return write_all(sb, sb->buf, pending);
+}
