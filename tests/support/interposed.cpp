@@ -1,0 +1,211 @@
+#include "interposed.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+#include <mutex>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace
+{
+
+/* Fails some of the calls that follow. */
+struct failing {
+    int pass = 0;
+    int count = 0;
+    int error = 0;
+    int calls = 0;
+
+    /* The error of this call, 0 when it passes. */
+    int next()
+    {
+        calls++;
+        if (pass > 0) {
+            pass--;
+            return 0;
+        }
+        if (count == 0)
+            return 0;
+        if (count > 0)
+            count--;
+        return error;
+    }
+};
+
+std::mutex lock; /* guards everything below; never held during the real call */
+std::vector<unsigned> sleepsSoFar;
+zebtest::milliseconds perSecond{1000};
+std::vector<zebtest::interposed::created_thread> threadsSoFar;
+failing threads;
+size_t leastStack = 0;
+int resolverError = 0;
+failing sockets;
+uint16_t boundPort = 0;
+
+template <typename Function>
+Function *real(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+void bind_loopback(int fd, int family, uint16_t port)
+{
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(port);
+    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(port);
+    v6.sin6_addr = in6addr_loopback;
+    if (family == AF_INET)
+        (void)bind(fd, reinterpret_cast<const sockaddr *>(&v4), sizeof(v4));
+    else if (family == AF_INET6)
+        (void)bind(fd, reinterpret_cast<const sockaddr *>(&v6), sizeof(v6));
+}
+
+} // namespace
+
+extern "C" unsigned sleep(unsigned seconds)
+{
+    zebtest::milliseconds length{};
+    {
+        const std::lock_guard hold(lock);
+        sleepsSoFar.push_back(seconds);
+        length = perSecond * seconds;
+    }
+    timespec rest{length.count() / 1000, (length.count() % 1000) * 1000000};
+    while (nanosleep(&rest, &rest) != 0 && errno == EINTR)
+        ;
+    return 0;
+}
+
+extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
+                              void *argument) noexcept
+{
+    static auto *const create = real<decltype(pthread_create)>("pthread_create");
+    zebtest::interposed::created_thread asked{};
+    int state = PTHREAD_CREATE_JOINABLE;
+    if (attr != nullptr) {
+        pthread_attr_getstacksize(attr, &asked.stacksize);
+        pthread_attr_getdetachstate(attr, &state);
+    }
+    asked.detached = state == PTHREAD_CREATE_DETACHED;
+    {
+        const std::lock_guard hold(lock);
+        asked.result = threads.next();
+        if (asked.result == 0 && attr != nullptr && asked.stacksize < leastStack)
+            asked.result = EINVAL;
+        threadsSoFar.push_back(asked);
+        if (asked.result != 0)
+            return asked.result;
+    }
+    return create(thread, attr, body, argument);
+}
+
+extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints, addrinfo **found)
+{
+    static auto *const resolve = real<decltype(getaddrinfo)>("getaddrinfo");
+    {
+        const std::lock_guard hold(lock);
+        if (resolverError != 0)
+            return resolverError;
+    }
+    return resolve(node, service, hints, found);
+}
+
+extern "C" int socket(int family, int type, int protocol) noexcept
+{
+    static auto *const create = real<decltype(socket)>("socket");
+    uint16_t port = 0;
+    {
+        const std::lock_guard hold(lock);
+        const int error = sockets.next();
+        if (error != 0) {
+            errno = error;
+            return -1;
+        }
+        port = boundPort;
+    }
+    const int fd = create(family, type, protocol);
+    if (port != 0 && fd != -1)
+        bind_loopback(fd, family, port);
+    return fd;
+}
+
+namespace zebtest::interposed
+{
+
+void shorten_sleeps(milliseconds length)
+{
+    const std::lock_guard hold(lock);
+    perSecond = length;
+}
+
+std::vector<unsigned> sleeps()
+{
+    const std::lock_guard hold(lock);
+    return sleepsSoFar;
+}
+
+void forget_sleeps()
+{
+    const std::lock_guard hold(lock);
+    sleepsSoFar.clear();
+}
+
+std::vector<created_thread> created_threads()
+{
+    const std::lock_guard hold(lock);
+    return threadsSoFar;
+}
+
+void forget_threads()
+{
+    const std::lock_guard hold(lock);
+    threadsSoFar.clear();
+}
+
+void fail_threads(int pass, int count, int error)
+{
+    const std::lock_guard hold(lock);
+    threads = {pass, count, error, 0};
+}
+
+void refuse_stacks_below(size_t size)
+{
+    const std::lock_guard hold(lock);
+    leastStack = size;
+}
+
+void fail_resolver(int error)
+{
+    const std::lock_guard hold(lock);
+    resolverError = error;
+}
+
+void bind_sockets_to(uint16_t port)
+{
+    const std::lock_guard hold(lock);
+    boundPort = port;
+}
+
+void fail_sockets(int pass, int count, int error)
+{
+    const std::lock_guard hold(lock);
+    sockets = {pass, count, error, 0};
+}
+
+int socket_calls()
+{
+    const std::lock_guard hold(lock);
+    return sockets.calls;
+}
+
+} // namespace zebtest::interposed

@@ -1,0 +1,57 @@
+/* Calls of the library that a test replaces. Everything passes through unless a test says otherwise.
+ *
+ * Link zeb_test_interposed into the test program: its definitions come before the C library's for the shared
+ * library and for the static one alike. Whatever else runs in the process is affected, too. */
+#pragma once
+
+#include "patience.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace zebtest::interposed
+{
+
+/* ---- sleep ---- */
+
+/* From now on sleep(N) is noted and takes N times PERSECOND. Without this call it is noted and takes what it
+ * says. */
+void shorten_sleeps(milliseconds perSecond);
+std::vector<unsigned> sleeps(); /* all so far, in order */
+void forget_sleeps();
+
+/* ---- pthread_create ---- */
+
+struct created_thread {
+    size_t stacksize; /* as asked for, or the system's default */
+    bool detached;
+    int result;
+};
+
+std::vector<created_thread> created_threads();
+void forget_threads();
+
+/* Lets the next PASS creations pass and fails COUNT after them (-1: all) with ERROR. */
+void fail_threads(int pass, int count, int error);
+
+/* Fails every creation whose stack is smaller than SIZE with EINVAL, as happens in a program whose
+ * thread-local storage does not fit. */
+void refuse_stacks_below(size_t size);
+
+/* ---- getaddrinfo ---- */
+
+/* From now on it fails with ERROR (0: not any more). */
+void fail_resolver(int error);
+
+/* ---- socket ---- */
+
+/* From now on stream sockets are bound to PORT of their loopback before they are handed out (0: not any
+ * more), so that a connect to that port meets itself. */
+void bind_sockets_to(uint16_t port);
+
+/* Lets the next PASS calls pass and fails COUNT after them (-1: all) with ERROR. */
+void fail_sockets(int pass, int count, int error);
+int socket_calls(); /* since the last fail_sockets */
+
+} // namespace zebtest::interposed
