@@ -260,11 +260,16 @@ static void take_input(client &c, std::string_view bytes)
 {
     if (c.owner->stopping)
         return;
+    engine &routing = c.owner->routing;
     const bool wasConnected = c.talk.reader.connected;
+    const size_t subscribers = routing.subscribers.size();
     std::string why;
-    const bool goesOn = session_take(c.talk, c.owner->routing, c.owner->options->identity, bytes, why);
+    const bool goesOn = session_take(c.talk, routing, c.owner->options->identity, bytes, why);
     if (!wasConnected && c.talk.reader.connected && goesOn)
         spdlog::info("{} connected", name_of(c));
+    if (subscribers != routing.subscribers.size())
+        spdlog::debug("{} subscribed or unsubscribed: {} subscribers in all", name_of(c),
+                      routing.subscribers.size());
     if (goesOn)
         return;
     if (c.doom.empty())
