@@ -68,8 +68,11 @@ extern "C" {
 
 typedef struct zeb_proplist zeb_proplist;
 typedef struct zeb_notification zeb_notification;
+typedef struct zeb_instream zeb_instream;
+typedef struct zeb_outstream zeb_outstream;
 typedef struct zeb_publisher zeb_publisher;
 typedef struct zeb_subscriber zeb_subscriber;
+typedef struct zeb_subscriberlist zeb_subscriberlist;
 typedef struct zeb_logicaladdr zeb_logicaladdr;
 typedef struct zeb_laddrlist zeb_laddrlist;
 typedef struct zeb_bb zeb_bb;
@@ -77,6 +80,11 @@ typedef struct zeb_bb_seg zeb_bb_seg;
 typedef struct zeb_bb_elem zeb_bb_elem;
 typedef struct zeb_bb_seglist zeb_bb_seglist;
 typedef struct zeb_bb_elemlist zeb_bb_elemlist;
+typedef struct zeb_rpcserver zeb_rpcserver;
+typedef struct zeb_rpcrequest zeb_rpcrequest;
+typedef struct zeb_rpcclient zeb_rpcclient;
+typedef struct zeb_rpcinvocation zeb_rpcinvocation;
+typedef struct zeb_rpcresponse zeb_rpcresponse;
 
 /* One name with its value, both strings. Whoever owns the list or array it stands in owns the strings. */
 typedef struct zeb_property {
@@ -103,8 +111,7 @@ enum { ZEB_ALREADY_INITIALISED = -3 };
 /* Results of zeb_subscriber_status. */
 enum { ZEB_SUBSCRIBED = 0, ZEB_SUBSCRIPTION_PENDING = 1, ZEB_SUBSCRIPTION_FAILED = 2 };
 
-/* ---- Runtime
- * ---------------------------------------------------------------------------------------------------
+/* ---- Runtime ----
  * Initialisations are counted: the runtime ends with the last matching shutdown. */
 
 /* Stores null in *TIERNAME: tiers have no names here. */
@@ -140,8 +147,8 @@ ZEB_API int32_t zeb_init_wtambekhome(const char *home);
 /* Like zeb_init with the low 16 bits of PORT as port; 0 takes it from the environment. */
 ZEB_API int32_t zeb_init_with_port(int32_t port);
 
-/* ---- Property lists
- * -------------------------------------------------------------------------------------------- Names with
+/* ---- Property lists ----
+ * Names with
  * values in the order of insertion, each name once, compared byte for byte. The caller owns the list, the
  * list owns copies of all strings. Not locked: one thread at a time per list. Needs no runtime. */
 
@@ -165,8 +172,8 @@ ZEB_API void zeb_proplist_destroy(zeb_proplist **list);
 /* New empty list, or null. The caller destroys it. */
 ZEB_API zeb_proplist *zeb_proplist_create(void);
 
-/* ---- Notifications
- * --------------------------------------------------------------------------------------------- What is
+/* ---- Notifications ----
+ * What is
  * published and received. Not locked: the application may use one until it publishes or relinquishes it, from
  * one thread at a time. There is no destroy: publishing hands a notification over for good, relinquishing
  * gives a received one back. One that was created and never published stays allocated. */
@@ -176,6 +183,14 @@ ZEB_API uint32_t zeb_notification_getClass(const zeb_notification *n);
 
 /* Keeps the notification on this host. It cannot be cleared again. */
 ZEB_API void zeb_notification_setLocalOnly(zeb_notification *n);
+
+/* New text of many lines for people, with the body as BODYFORMAT says: 0 not at all, 1 as hexadecimal dump, 2
+ * as text up to its first NUL, 3 as body block, 4 as body block or else as dump. The caller frees it. Null
+ * when memory is out; a text also for a null notification. */
+ZEB_API char *zeb_notification_toString(zeb_notification *n, int32_t bodyFormat);
+
+/* Writes that text, without the body, to standard error. */
+ZEB_API void zeb_notification_print(zeb_notification *n);
 
 /* The strings below are borrowed from the notification; null when absent. The generating fields and the id
  * are filled at the first publish, instance name and affected parts only on received notifications; nothing
@@ -218,6 +233,14 @@ ZEB_API const void *zeb_notification_body(const zeb_notification *n, int32_t *le
 ZEB_API const char *zeb_notification_affectedNodes(const zeb_notification *n);
 ZEB_API const char *zeb_notification_affectedComponents(const zeb_notification *n);
 
+/* Output stream of a stream's head, created at the first call; it owns the head from then on, which goes with
+ * it. Null for notifications of other classes, for null, and when memory is out. */
+ZEB_API zeb_outstream *zeb_notification_getOutputStream(zeb_notification *n);
+
+/* Input stream that begins with this notification, or null. The caller closes it; it may outlive the
+ * notification. */
+ZEB_API zeb_instream *zeb_notification_getInputStream(const zeb_notification *n);
+
 /* Address lists of membership notifications, borrowed; null when absent. */
 ZEB_API zeb_laddrlist *zeb_notification_getMembersRemoved(const zeb_notification *n);
 ZEB_API zeb_laddrlist *zeb_notification_getMembersAdded(const zeb_notification *n);
@@ -242,13 +265,49 @@ ZEB_API void zeb_notification_setDestinationAddrs(zeb_notification *n, const zeb
  * when an argument is null or memory is out. */
 ZEB_API int32_t zeb_notification_setProperty(zeb_notification *n, const char *name, const char *value);
 
+/* New head of a stream of TYPE (copied, not null), or null. Publish it once, which sends nothing, then write
+ * to its output stream. It belongs to the application until the output stream is closed. */
+ZEB_API zeb_notification *zeb_notification_createstream(const char *type);
+
 /* New notification of class ZEB_CLASS_MESSAGE with copies of TYPE and of the BODYLENGTH bytes at BODY; null
  * when TYPE is null, when BODY is null with a length above 0, or when memory is out. A length below 1 is
  * stored and means no body. TYPE must not contain CR or LF. */
 ZEB_API zeb_notification *zeb_notification_create(const char *type, const void *body, int32_t bodyLength);
 
-/* ---- Publishers
- * ------------------------------------------------------------------------------------------------ A
+/* ---- Streams ----
+ * Bytes of any number sent as a row of notifications. The receiver gets the first as a notification and reads
+ * the bytes of all from its input stream. Properties and destinations of the head go with every piece. One
+ * thread at a time per end.
+ *
+ *     zeb_notification *head = zeb_notification_createstream("/app/log");
+ *     zeb_publisher_publish(publisher, head);
+ *     zeb_outstream *out = zeb_notification_getOutputStream(head);
+ *     zeb_outstream_write(out, data, length);
+ *     zeb_outstream_close(&out);
+ */
+
+/* Sends the end mark, releases *STREAM with its head and sets it to null. Null and a null handle are ignored.
+ */
+ZEB_API void zeb_outstream_close(zeb_outstream **stream);
+
+/* Returns 0: every write has been published already. */
+ZEB_API int32_t zeb_outstream_flush(zeb_outstream *stream);
+
+/* Publishes LENGTH bytes at DATA as one piece. Returns LENGTH; 0 when an argument is null or LENGTH is below
+ * 1; -1 when the head was not published yet or memory is out. Does not block. */
+ZEB_API int32_t zeb_outstream_write(zeb_outstream *stream, const void *data, int32_t length);
+
+/* Releases *STREAM and sets it to null; what still arrives for it is dropped. Null and a null handle are
+ * ignored. No read of it may be running. */
+ZEB_API void zeb_instream_close(zeb_instream **stream);
+
+/* Reads up to LENGTH bytes into BUFFER: waits without limit for the first, then takes what is there. Returns
+ * their number; 0 at the end of the stream, when its subscriber was closed, when an argument is null, or
+ * LENGTH is below 1. */
+ZEB_API int32_t zeb_instream_read(zeb_instream *stream, void *buffer, int32_t length);
+
+/* ---- Publishers ----
+ * A
  * publisher names the component on whose behalf notifications go out. Any number of threads may publish
  * through one at once. */
 
@@ -275,8 +334,8 @@ ZEB_API void zeb_publisher_close(zeb_publisher *publisher);
  * it. */
 ZEB_API zeb_publisher *zeb_publisher_create(const char *component);
 
-/* ---- Subscribers
- * ----------------------------------------------------------------------------------------------- A standing
+/* ---- Subscribers ----
+ * A standing
  * request for notifications. What arrives is queued until it is received, or handed to a call-back.
  *
  * The subscription text says which notifications, in the daemon's language: null for none but those addressed
@@ -305,6 +364,12 @@ ZEB_API void zeb_subscriber_returnState(zeb_subscriber *subscriber, const void *
  * ZEB_CLASS_STATESET. Returns 1; 0 when no member is known. Needs a membership interest and full lists, so
  * not zeb_subscriber_create_wdeltas. */
 ZEB_API int32_t zeb_subscriber_getState(zeb_subscriber *subscriber);
+
+/* A member of LIST that has something to receive, or null. With WAIT, waits TIMEOUT ms (0 or less: without
+ * limit) for a delivery or until the last member is closed; an empty list is not waited on. A hint: another
+ * thread may have received meanwhile. No member may be closed by another thread during the call, and one that
+ * is closed afterwards may still be returned by the next call. */
+ZEB_API zeb_subscriber *zeb_subscriber_multirecv(zeb_subscriberlist *list, int32_t wait, int32_t timeout);
 
 /* Stops the call-back within about a second; a call-back that is running is not waited for. Returns 0, or -1
  * when none was registered. May be called in the call-back. */
@@ -381,8 +446,23 @@ ZEB_API zeb_subscriber *zeb_subscriber_create_wtimeout(const char *subscription,
                                                        const zeb_proplist *properties,
                                                        char **statusMessageOut, int64_t timeout);
 
-/* ---- Logical addresses and address lists
- * ----------------------------------------------------------------------- An address names one subscriber
+/* ---- Subscriber lists ----
+ * For one thread that waits on several subscribers. A list does not own its members; closing a subscriber
+ * takes it out. */
+
+/* Releases *LIST and sets it to null; its members go on working. No multirecv on it may be running. Null and
+ * a null handle are ignored. */
+ZEB_API void zeb_subscriberlist_destroy(zeb_subscriberlist **list);
+
+/* Appends SUBSCRIBER. A subscriber should be in one list: only the one it was added to last is told of
+ * deliveries. Nothing happens when an argument is null. */
+ZEB_API void zeb_subscriberlist_add(zeb_subscriberlist *list, zeb_subscriber *subscriber);
+
+/* New empty list, or null. The caller destroys it. */
+ZEB_API zeb_subscriberlist *zeb_subscriberlist_create(void);
+
+/* ---- Logical addresses and address lists ----
+ * An address names one subscriber
  * anywhere. Addresses come from notifications and lists, which own them; only lists can be created, and hold
  * copies. Two addresses are the same when their keys, which only the daemon gives, are. Not locked. */
 
@@ -430,8 +510,8 @@ ZEB_API const char *zeb_logicaladdr_getInstanceName(const zeb_logicaladdr *addre
 ZEB_API const char *zeb_logicaladdr_getHostName(const zeb_logicaladdr *address);
 ZEB_API const char *zeb_logicaladdr_getComponent(const zeb_logicaladdr *address);
 
-/* ---- Body blocks
- * ----------------------------------------------------------------------------------------------- A
+/* ---- Body blocks ----
+ * A
  * structured body: a tree of named segments, each with named elements (text or bytes) and sub-segments, in
  * the order of insertion. Everything handed out belongs to the block and lives until it is destroyed; an
  * element until another of its name is added to its segment. Not locked. Needs no runtime.
@@ -516,6 +596,152 @@ ZEB_API void zeb_bb_destroy(zeb_bb *block);
 
 /* New empty block, or null. The caller destroys it. */
 ZEB_API zeb_bb *zeb_bb_create(void);
+
+/* ---- Remote call server ----
+ * Offers functions under a server name. Configure it, launch it, shut it down, all from one thread; functions
+ * run on call-back threads (see the head of this file for their stacks).
+ *
+ *     static int32_t echo(zeb_rpcrequest *request, const void *data, int32_t length)
+ *     {
+ *         return zeb_rpcrequest_sendresult(request, data, length);
+ *     }
+ *     ...
+ *     zeb_rpcserver *server = zeb_rpcserver_create("echo-server", "demo");
+ *     zeb_rpcserver_addfunc(server, "echo", echo);
+ *     zeb_rpcserver_launch(server);
+ */
+
+/* A function: called with the request, which lives until it returns, and the argument bytes (a length of 0
+ * means none). It may send any number of progress responses and one result or error; without one an empty
+ * result is sent when it returns. Its own result is ignored. */
+typedef int32_t (*zeb_rpcserver_function)(zeb_rpcrequest *request, const void *data, int32_t length);
+
+/* Send LENGTH bytes at DATA (copied) to the caller: as progress, or as the result, which ends the request.
+ * Return 0; -1 when the request has ended already, an argument is null, or memory is out. They do not block.
+ */
+ZEB_API int32_t zeb_rpcrequest_sendprogress(zeb_rpcrequest *request, const void *data, int32_t length);
+ZEB_API int32_t zeb_rpcrequest_sendresult(zeb_rpcrequest *request, const void *data, int32_t length);
+
+/* Name of the function called, borrowed until it returns. */
+ZEB_API const char *zeb_rpcrequest_getrpcname(const zeb_rpcrequest *request);
+
+/* Shuts *SERVER down when it runs, releases it and sets it to null. A function that is running is not waited
+ * for and may still answer. Null and a null handle are ignored. */
+ZEB_API void zeb_rpcserver_destroy(zeb_rpcserver **server);
+
+/* Stops taking requests; a function that is running is not waited for. Returns 0, or -1 when it does not run.
+ */
+ZEB_API int32_t zeb_rpcserver_shutdown(zeb_rpcserver *server);
+
+/* 1 from a launch to the shutdown, else 0. */
+ZEB_API int32_t zeb_rpcserver_isrunning(const zeb_rpcserver *server);
+
+/* Makes the server known and takes requests; waits without limit for the daemon. Returns 0; -1 when it runs
+ * already, has no function, or cannot subscribe. May be called again after a shutdown. */
+ZEB_API int32_t zeb_rpcserver_launch(zeb_rpcserver *server);
+
+/* Further properties of the server's address, copied. Returns 0; -1 when it runs, or the copy failed (also of
+ * null), which leaves it without any. */
+ZEB_API int32_t zeb_rpcserver_setaddrprops(zeb_rpcserver *server, const zeb_proplist *properties);
+
+/* 0: functions run one after the other on one thread; 1: each call on a thread of its own, any number at
+ * once. Returns 0; -1 for another mode, or when the server runs. */
+ZEB_API int32_t zeb_rpcserver_setcbmode(zeb_rpcserver *server, int32_t mode);
+
+/* Offers FUNCTION under NAME (copied); of equal names the first is called. Returns 0, also beyond 63
+ * functions, which are not offered; -1 when an argument is null, the server runs, or memory is out. */
+ZEB_API int32_t zeb_rpcserver_addfunc(zeb_rpcserver *server, const char *name,
+                                      zeb_rpcserver_function function);
+
+/* New server, or null when an argument is null or memory is out. NAME must not contain a double quote. The
+ * caller destroys it. */
+ZEB_API zeb_rpcserver *zeb_rpcserver_create(const char *name, const char *component);
+
+/* Ends the request with an error: CODE is the application's, MESSAGE (copied) must not be null. Results as
+ * above. */
+ZEB_API int32_t zeb_rpcrequest_senderror(zeb_rpcrequest *request, int32_t code, const char *message);
+
+/* ---- Remote call client ----
+ * Calls functions of servers known by name. One call may go to several servers; each sends progress responses
+ * and one final response. Any thread may use a client.
+ *
+ *     const char *names[] = {"echo-server"};
+ *     zeb_rpcclient *client = zeb_rpcclient_create(names, 1, "demo");
+ *     zeb_laddrlist *servers = zeb_rpcclient_getservers_wtimeout(client, "echo-server", 1, 5000);
+ *     zeb_rpcinvocation *call = zeb_rpcclient_invoke(client, "echo", servers, "hello", 5);
+ *     zeb_rpcresponse *response = zeb_rpcinvocation_getresponse(call, 1, 10000);
+ *
+ * When the connection is lost calls that wait for an answer never get one: wait with a limit. */
+
+/* Called with each response, which it owns and destroys: on a thread of the library, or within the invoke
+ * itself for servers that are not there. It must not call any function on the same client or its invocations.
+ */
+typedef void (*zeb_rpcclient_callback)(zeb_rpcresponse *response, void *context);
+
+/* Releases *RESPONSE and sets it to null. Null and a null handle are ignored. */
+ZEB_API void zeb_rpcresponse_destroy(zeb_rpcresponse **response);
+
+/* 1 for a result or an error, the last response of its server; 0 for progress. */
+ZEB_API int32_t zeb_rpcresponse_isresult(const zeb_rpcresponse *response);
+
+/* Bytes of a result or of progress, borrowed, with a NUL behind them, and their number; null and 0 for an
+ * error or null. */
+ZEB_API const void *zeb_rpcresponse_getdata(const zeb_rpcresponse *response, int32_t *length);
+
+/* Address of the server that responded, borrowed. */
+ZEB_API zeb_logicaladdr *zeb_rpcresponse_getaddr(const zeb_rpcresponse *response);
+
+/* Releases *INVOCATION with the responses that were not taken and sets it to null. What still arrives for it
+ * is dropped with a line on standard error. Not for an invocation that was pending when its client was
+ * destroyed: it went with it. */
+ZEB_API void zeb_rpcinvocation_destroy(zeb_rpcinvocation **invocation);
+
+/* 1 when every server has answered and every response was taken, else 0. */
+ZEB_API int32_t zeb_rpcinvocation_isdone(zeb_rpcinvocation *invocation);
+
+/* Next response, which the caller destroys, or null: when the invocation is done, and when none came. With
+ * WAIT it waits TIMEOUT ms (0 or less: without limit). */
+ZEB_API zeb_rpcresponse *zeb_rpcinvocation_getresponse(zeb_rpcinvocation *invocation, int32_t wait,
+                                                       int32_t timeout);
+
+/* Releases *CLIENT and the invocations that still wait for a server, and sets it to null. Waits for servers
+ * end. Must not be called in a response call-back. Null and a null handle are ignored. */
+ZEB_API void zeb_rpcclient_destroy(zeb_rpcclient **client);
+
+/* Calls FUNCTION at each address of SERVERS (copied) with the LENGTH bytes at DATA (copied). Returns the
+ * invocation, which the caller destroys; null when a handle is null or memory is out. Does not block. An
+ * address that is not a live server of its name gets an error response of code -2 at once; an unknown
+ * function answers with -3. The first form passes each response to CALLBACK with CONTEXT (null: queued, as
+ * with the second). */
+ZEB_API zeb_rpcinvocation *zeb_rpcclient_invoke_wcallback(zeb_rpcclient *client, const char *function,
+                                                          const zeb_laddrlist *servers, const void *data,
+                                                          int32_t length, zeb_rpcclient_callback callback,
+                                                          void *context);
+ZEB_API zeb_rpcinvocation *zeb_rpcclient_invoke(zeb_rpcclient *client, const char *function,
+                                                const zeb_laddrlist *servers, const void *data,
+                                                int32_t length);
+
+/* Servers of the name now, waiting without limit for the first. New list, which the caller destroys; null
+ * when the client does not know the name or ends. */
+ZEB_API zeb_laddrlist *zeb_rpcclient_getservers(zeb_rpcclient *client, const char *server);
+
+/* Does nothing. */
+ZEB_API void zeb_rpclient_register_callback(void);
+
+/* New client for COUNT server names; waits without limit for the daemon. Null when an argument is null, COUNT
+ * is below 1, the daemon refuses (said on standard error) or memory is out. Names must not contain a double
+ * quote. The caller destroys it. */
+ZEB_API zeb_rpcclient *zeb_rpcclient_create(const char *const *servers, int32_t count, const char *component);
+
+/* Like zeb_rpcclient_getservers; without WAIT it does not block, otherwise it waits TIMEOUT ms (0 or less:
+ * without limit) and may end early when other members change. Null when there is none. */
+ZEB_API zeb_laddrlist *zeb_rpcclient_getservers_wtimeout(zeb_rpcclient *client, const char *server,
+                                                         int32_t wait, int32_t timeout);
+
+/* Text and code of an error, the text borrowed; the code is -2 when the server is not there, -3 when it has
+ * no such function, else its own. Null and -1 for a response that is no error, and for null. A code of -2
+ * comes without text. */
+ZEB_API const char *zeb_rpcresponse_geterror(const zeb_rpcresponse *response, int32_t *code);
 
 #ifdef __cplusplus
 }

@@ -8,7 +8,9 @@
 #include "ezebnotification.h"
 #include "ezebproplist.h"
 #include "ezebpublisher.h"
+#include "ezebrpc.h"
 #include "ezebruntime.h"
+#include "ezebstream.h"
 #include "ezebsubscriber.h"
 
 enum { CONNECTION_WAIT_MS = 5000 };
@@ -88,6 +90,16 @@ void zeb_notification_setLocalOnly(zeb_notification *n)
     ezeb_notification_setLocalOnly(n);
 }
 
+char *zeb_notification_toString(zeb_notification *n, int32_t bodyFormat)
+{
+    return ezeb_notification_toString(n, bodyFormat);
+}
+
+void zeb_notification_print(zeb_notification *n)
+{
+    ezeb_notification_print(n);
+}
+
 const char *zeb_notification_type(const zeb_notification *n)
 {
     return ezeb_notification_type(n);
@@ -163,6 +175,16 @@ const char *zeb_notification_affectedComponents(const zeb_notification *n)
     return ezeb_notification_affectedComponents(n);
 }
 
+zeb_outstream *zeb_notification_getOutputStream(zeb_notification *n)
+{
+    return ezeb_notification_getOutputStream(n);
+}
+
+zeb_instream *zeb_notification_getInputStream(const zeb_notification *n)
+{
+    return ezeb_notification_getInputStream(n);
+}
+
 zeb_laddrlist *zeb_notification_getMembersRemoved(const zeb_notification *n)
 {
     return ezeb_notification_getMembersRemoved(n);
@@ -208,9 +230,39 @@ int32_t zeb_notification_setProperty(zeb_notification *n, const char *name, cons
     return ezeb_notification_setProperty(n, name, value);
 }
 
+zeb_notification *zeb_notification_createstream(const char *type)
+{
+    return ezeb_notification_createstream(type);
+}
+
 zeb_notification *zeb_notification_create(const char *type, const void *body, int32_t bodyLength)
 {
     return ezeb_notification_create(type, body, bodyLength);
+}
+
+void zeb_outstream_close(zeb_outstream **stream)
+{
+    ezeb_outstream_close(stream);
+}
+
+int32_t zeb_outstream_flush(zeb_outstream *stream)
+{
+    return ezeb_outstream_flush(stream);
+}
+
+int32_t zeb_outstream_write(zeb_outstream *stream, const void *data, int32_t length)
+{
+    return ezeb_outstream_write(stream, data, length);
+}
+
+void zeb_instream_close(zeb_instream **stream)
+{
+    ezeb_instream_close(stream);
+}
+
+int32_t zeb_instream_read(zeb_instream *stream, void *buffer, int32_t length)
+{
+    return ezeb_instream_read(stream, buffer, length);
 }
 
 int32_t zeb_one_time_remote_publish(void)
@@ -246,6 +298,11 @@ void zeb_subscriber_returnState(zeb_subscriber *subscriber, const void *body, ui
 int32_t zeb_subscriber_getState(zeb_subscriber *subscriber)
 {
     return ezeb_subscriber_getState(subscriber);
+}
+
+zeb_subscriber *zeb_subscriber_multirecv(zeb_subscriberlist *list, int32_t wait, int32_t timeout)
+{
+    return ezeb_subscriber_multirecv(list, wait, timeout);
 }
 
 int32_t zeb_subscriber_cancelcallback(zeb_subscriber *subscriber)
@@ -337,6 +394,21 @@ zeb_subscriber *zeb_subscriber_create_wtimeout(const char *subscription, const c
 {
     return ezeb_subscriber_create(subscription, component, membershipInterest, properties, 0,
                                   statusMessageOut, 1, timeout);
+}
+
+void zeb_subscriberlist_destroy(zeb_subscriberlist **list)
+{
+    ezeb_subscriberlist_destroy(list);
+}
+
+void zeb_subscriberlist_add(zeb_subscriberlist *list, zeb_subscriber *subscriber)
+{
+    ezeb_subscriberlist_add(list, subscriber);
+}
+
+zeb_subscriberlist *zeb_subscriberlist_create(void)
+{
+    return ezeb_subscriberlist_create();
 }
 
 void zeb_laddrlist_add(zeb_laddrlist *list, const zeb_logicaladdr *address)
@@ -532,4 +604,144 @@ void zeb_bb_destroy(zeb_bb *block)
 zeb_bb *zeb_bb_create(void)
 {
     return ezeb_bb_create();
+}
+
+int32_t zeb_rpcrequest_sendprogress(zeb_rpcrequest *request, const void *data, int32_t length)
+{
+    return ezeb_rpcrequest_sendprogress(request, data, length);
+}
+
+int32_t zeb_rpcrequest_sendresult(zeb_rpcrequest *request, const void *data, int32_t length)
+{
+    return ezeb_rpcrequest_sendresult(request, data, length);
+}
+
+const char *zeb_rpcrequest_getrpcname(const zeb_rpcrequest *request)
+{
+    return ezeb_rpcrequest_getrpcname(request);
+}
+
+void zeb_rpcserver_destroy(zeb_rpcserver **server)
+{
+    ezeb_rpcserver_destroy(server);
+}
+
+int32_t zeb_rpcserver_shutdown(zeb_rpcserver *server)
+{
+    return ezeb_rpcserver_shutdown(server);
+}
+
+int32_t zeb_rpcserver_isrunning(const zeb_rpcserver *server)
+{
+    return ezeb_rpcserver_isrunning(server);
+}
+
+int32_t zeb_rpcserver_launch(zeb_rpcserver *server)
+{
+    return ezeb_rpcserver_launch(server);
+}
+
+int32_t zeb_rpcserver_setaddrprops(zeb_rpcserver *server, const zeb_proplist *properties)
+{
+    return ezeb_rpcserver_setaddrprops(server, properties);
+}
+
+int32_t zeb_rpcserver_setcbmode(zeb_rpcserver *server, int32_t mode)
+{
+    return ezeb_rpcserver_setcbmode(server, mode);
+}
+
+int32_t zeb_rpcserver_addfunc(zeb_rpcserver *server, const char *name, zeb_rpcserver_function function)
+{
+    return ezeb_rpcserver_addfunc(server, name, function);
+}
+
+zeb_rpcserver *zeb_rpcserver_create(const char *name, const char *component)
+{
+    return ezeb_rpcserver_create(name, component);
+}
+
+int32_t zeb_rpcrequest_senderror(zeb_rpcrequest *request, int32_t code, const char *message)
+{
+    return ezeb_rpcrequest_senderror(request, code, message);
+}
+
+void zeb_rpcresponse_destroy(zeb_rpcresponse **response)
+{
+    ezeb_rpcresponse_destroy(response);
+}
+
+int32_t zeb_rpcresponse_isresult(const zeb_rpcresponse *response)
+{
+    return ezeb_rpcresponse_isresult(response);
+}
+
+const void *zeb_rpcresponse_getdata(const zeb_rpcresponse *response, int32_t *length)
+{
+    return ezeb_rpcresponse_getdata(response, length);
+}
+
+zeb_logicaladdr *zeb_rpcresponse_getaddr(const zeb_rpcresponse *response)
+{
+    return ezeb_rpcresponse_getaddr(response);
+}
+
+void zeb_rpcinvocation_destroy(zeb_rpcinvocation **invocation)
+{
+    ezeb_rpcinvocation_destroy(invocation);
+}
+
+int32_t zeb_rpcinvocation_isdone(zeb_rpcinvocation *invocation)
+{
+    return ezeb_rpcinvocation_isdone(invocation);
+}
+
+zeb_rpcresponse *zeb_rpcinvocation_getresponse(zeb_rpcinvocation *invocation, int32_t wait, int32_t timeout)
+{
+    return ezeb_rpcinvocation_getresponse(invocation, wait, timeout);
+}
+
+void zeb_rpcclient_destroy(zeb_rpcclient **client)
+{
+    ezeb_rpcclient_destroy(client);
+}
+
+zeb_rpcinvocation *zeb_rpcclient_invoke_wcallback(zeb_rpcclient *client, const char *function,
+                                                  const zeb_laddrlist *servers, const void *data,
+                                                  int32_t length, zeb_rpcclient_callback callback,
+                                                  void *context)
+{
+    return ezeb_rpcclient_invoke_wcallback(client, function, servers, data, length, callback, context);
+}
+
+zeb_rpcinvocation *zeb_rpcclient_invoke(zeb_rpcclient *client, const char *function,
+                                        const zeb_laddrlist *servers, const void *data, int32_t length)
+{
+    return ezeb_rpcclient_invoke(client, function, servers, data, length);
+}
+
+zeb_laddrlist *zeb_rpcclient_getservers(zeb_rpcclient *client, const char *server)
+{
+    return ezeb_rpcclient_getservers(client, server);
+}
+
+void zeb_rpclient_register_callback(void)
+{
+    ezeb_rpclient_register_callback();
+}
+
+zeb_rpcclient *zeb_rpcclient_create(const char *const *servers, int32_t count, const char *component)
+{
+    return ezeb_rpcclient_create(servers, count, component);
+}
+
+zeb_laddrlist *zeb_rpcclient_getservers_wtimeout(zeb_rpcclient *client, const char *server, int32_t wait,
+                                                 int32_t timeout)
+{
+    return ezeb_rpcclient_getservers_wtimeout(client, server, wait, timeout);
+}
+
+const char *zeb_rpcresponse_geterror(const zeb_rpcresponse *response, int32_t *code)
+{
+    return ezeb_rpcresponse_geterror(response, code);
 }

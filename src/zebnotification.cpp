@@ -5,9 +5,12 @@
  * bytes as the expected name takes without comparing it, and takes the rest of the line as value. */
 #include "ezebnotification.h"
 
+#include "ezebbodyblock.h"
 #include "ezeblogicaladdr.h"
 #include "ezebproplist.h"
+#include "ezebpublisher.h"
 #include "ezebruntime.h"
+#include "ezebstream.h"
 
 #include <string.h>
 
@@ -82,6 +85,9 @@ void ezeb_notification_destroy(zeb_notification *n)
     ezeb_laddrlist_destroy(&n->memberList);
     ezeb_laddrlist_destroy(&n->membersAdded);
     ezeb_laddrlist_destroy(&n->membersRemoved);
+    ezeb_publisher_unref(n->streamPublisher);
+    if (n->inputStreamHanded == 0)
+        ezeb_instream_close(&n->inputStream);
     ezeb_arena_release(&n->strings);
     ezeb_free(n);
 }
@@ -326,6 +332,16 @@ int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component
     n->subscriberId = subscriberId;
     return n->generatingComponent != nullptr && n->generatingNode != nullptr &&
            n->generatingProcess != nullptr && n->id != nullptr;
+}
+
+int32_t ezeb_notification_set_streampublisher(zeb_notification *n, zeb_publisher *publisher)
+{
+    n->streamKey = keep(n, n->id != nullptr ? n->id : "");
+    if (n->streamKey == nullptr)
+        return 0;
+    ezeb_publisher_unref(n->streamPublisher);
+    n->streamPublisher = ezeb_publisher_ref(publisher);
+    return 1;
 }
 
 /* ---- Writing ---- */
@@ -622,4 +638,174 @@ zeb_notification *ezeb_notification_read(ezeb_sb *sb, int32_t **ids, int32_t *id
         return n;
     ezeb_notification_destroy(n);
     return nullptr;
+}
+
+/* ---- Text ----
+ * One field a line behind labels of one width. The difference in sign between the two times, and the label
+ * under which removed members are shown, are as they have always been. */
+
+enum { BODY_NONE = 0, BODY_HEX = 1, BODY_STRING = 2, BODY_BLOCK = 3, BODY_BLOCK_OR_HEX = 4 };
+
+static void add_field(ezeb_text *text, const char *label, const char *value)
+{
+    ezeb_text_add(text, label);
+    ezeb_text_add(text, value);
+    ezeb_text_add(text, "\n");
+}
+
+static void add_number(ezeb_text *text, const char *label, int64_t value)
+{
+    char number[EZEB_INT_TEXT];
+    ezeb_int2str(number, value);
+    add_field(text, label, number);
+}
+
+static void add_address(ezeb_text *text, const char *label, const zeb_logicaladdr *address)
+{
+    char *shown = ezeb_logicaladdr_toString(address);
+    add_field(text, label, shown);
+    ezeb_free(shown);
+}
+
+static void add_addresses(ezeb_text *text, const char *label, const zeb_laddrlist *list)
+{
+    for (int32_t i = 0; i < ezeb_laddrlist_count(list); i++)
+        add_address(text, label, &list->entries[i]);
+}
+
+static void add_origin(ezeb_text *text, const zeb_notification *n)
+{
+    add_field(text, "  Generating Component: ", n->generatingComponent);
+    add_field(text, "  Generating Node:      ", n->generatingNode);
+    add_field(text, "  Generating Process:   ", n->generatingProcess);
+    add_field(text, "  Instance Name:        ", n->instanceName);
+    add_field(text, "  Affected Components:  ", n->affectedComponents);
+    add_field(text, "  Affected Nodes:       ", n->affectedNodes);
+    add_field(text, "  Local Only Flag:      ", n->localOnly != 0 ? "true" : "false");
+    for (const ezeb_propnode *p = n->properties; p != nullptr; p = p->next) {
+        ezeb_text_add(text, "  Property:             ");
+        ezeb_text_add(text, p->name);
+        add_field(text, "=", p->value);
+    }
+}
+
+static void add_address_section(ezeb_text *text, const zeb_notification *n)
+{
+    if (is_messagelike(n->cls) || n->cls == ZEB_CLASS_STATEGET || n->cls == ZEB_CLASS_STATESET) {
+        add_address(text, "  Source Addr:          ", n->generatingAddress);
+        add_addresses(text, "  Destination Addr:     ", n->destinationAddrs);
+    } else if (n->cls == ZEB_CLASS_MEMBERSHIPLIST) {
+        add_addresses(text, "  Member Addr:          ", n->memberList);
+    } else if (n->cls == ZEB_CLASS_MEMBERSHIPDELTA) {
+        add_addresses(text, "  Added Addr:           ", n->membersAdded);
+        add_addresses(text, "  Member Addr:          ", n->membersRemoved);
+    }
+}
+
+/* Rows of 32 bytes, a space behind each fourth. */
+static void add_hexdump(ezeb_text *text, const zeb_notification *n)
+{
+    enum { ROW = 32, GROUP = 4 };
+    static constexpr char digits[] = "0123456789abcdef";
+    ezeb_text_add(text, "    ");
+    for (int32_t i = 0; i < n->bodyLength; i++) {
+        const auto byte = static_cast<unsigned char>(n->body[i]);
+        const char pair[] = {digits[byte / 16], digits[byte % 16]};
+        ezeb_text_bytes(text, pair, sizeof(pair));
+        if (i % GROUP == GROUP - 1)
+            ezeb_text_add(text, " ");
+        if (i % ROW == ROW - 1 && i + 1 < n->bodyLength)
+            ezeb_text_add(text, "\n    ");
+    }
+    ezeb_text_add(text, "\n");
+}
+
+static void add_block(ezeb_text *text, const zeb_notification *n, int32_t bodyFormat)
+{
+    zeb_bb *block = ezeb_bb_body2block(n->body, n->bodyLength);
+    if (block != nullptr) {
+        char *shown = ezeb_bb_toString(block);
+        ezeb_text_add(text, shown);
+        ezeb_free(shown);
+        ezeb_bb_destroy(block);
+    } else if (bodyFormat == BODY_BLOCK) {
+        ezeb_text_add(text, "<zeb_bodyblock-format-error>");
+    } else {
+        add_hexdump(text, n);
+    }
+}
+
+static void add_body(ezeb_text *text, const zeb_notification *n, int32_t bodyFormat)
+{
+    add_number(text, "  Body Length:          ", n->bodyLength);
+    if (bodyFormat == BODY_NONE || n->bodyLength == 0)
+        return;
+    ezeb_text_add(text, "  Body:\n");
+    if (bodyFormat == BODY_HEX)
+        add_hexdump(text, n);
+    else if (bodyFormat == BODY_STRING)
+        ezeb_text_add(text, n->body);
+    else
+        add_block(text, n, bodyFormat);
+    ezeb_text_add(text, "\n");
+}
+
+static void add_pointer(ezeb_text *text, const void *pointer)
+{
+    char digits[EZEB_INT_TEXT];
+    char *p = digits + sizeof(digits) - 1;
+    *p = '\0';
+    for (auto value = reinterpret_cast<uintptr_t>(pointer); value != 0; value /= 16)
+        *--p = "0123456789abcdef"[value % 16];
+    ezeb_text_add(text, "0x");
+    ezeb_text_add(text, p);
+}
+
+static void add_unsigned(ezeb_text *text, uint64_t value)
+{
+    char number[EZEB_INT_TEXT];
+    char *p = number + sizeof(number) - 1;
+    *p = '\0';
+    do {
+        *--p = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    ezeb_text_add(text, p);
+}
+
+static void build_text(ezeb_text *text, const zeb_notification *n, int32_t bodyFormat)
+{
+    ezeb_text_add(text, "NOTIFICATION ");
+    add_pointer(text, n);
+    ezeb_text_add(text, " ==>\n");
+    add_field(text, "  Notification Class:   ", ezeb_notification_classname(n->cls));
+    add_field(text, "  Notification ID:      ", n->id);
+    add_field(text, "  Notification Type:    ", n->type);
+    ezeb_text_add(text, "  Creation Time:        ");
+    add_unsigned(text, static_cast<uint64_t>(ezeb_notification_creationTime(n)));
+    ezeb_text_add(text, "\n");
+    add_number(text, "  Delivery Time:        ", ezeb_notification_deliveryTime(n));
+    if (is_messagelike(n->cls))
+        add_origin(text, n);
+    add_address_section(text, n);
+    if (is_messagelike(n->cls) || n->cls == ZEB_CLASS_STATESET)
+        add_body(text, n, bodyFormat);
+}
+
+char *ezeb_notification_toString(zeb_notification *n, int32_t bodyFormat)
+{
+    ezeb_text text = {};
+    if (n == nullptr)
+        ezeb_text_add(&text, "NOTIFICATION 0x0 (NULL)\n");
+    else
+        build_text(&text, n, bodyFormat);
+    return ezeb_text_finish(&text);
+}
+
+void ezeb_notification_print(zeb_notification *n)
+{
+    char *text = ezeb_notification_toString(n, BODY_NONE);
+    if (text != nullptr)
+        ezeb_diag_text(text, strlen(text));
+    ezeb_free(text);
 }

@@ -78,10 +78,14 @@ static bool publish(zeb_publisher *publisher, zeb_notification *n)
     if (!rt || publisher == nullptr || n == nullptr || publisher->idPrefix == nullptr)
         return false;
     ezeb_subscriber_letgo(n); /* a received one belongs to its subscriber no more */
-    if (n->generatingComponent == nullptr && !stamp(rt.get(), publisher, n))
-        ezeb_notification_destroy(n);
-    else
+    const bool stamped = n->generatingComponent != nullptr || stamp(rt.get(), publisher, n);
+    if (n->cls == ZEB_CLASS_OUTGOINGSTREAM)
+        return stamped && ezeb_notification_set_streampublisher(n, publisher) !=
+                              0; /* the head stays the application's */
+    if (stamped)
         ezeb_publish(rt.get(), n);
+    else
+        ezeb_notification_destroy(n);
     return true;
 }
 

@@ -164,7 +164,10 @@ static void free_subscriber(zeb_subscriber *sub) EZEB_NO_ANALYSIS
     }
     ezeb_publisher_close(sub->publisher);
     ezeb_queue_destroy(sub->queue, ezeb_q_callback, 1);
+    ezeb_streamtbl_destroy(&sub->streams);
     free_contents(sub);
+    if (sub->release != nullptr)
+        sub->release(sub->owner);
     ezeb_cond_destroy(&sub->changed);
     ezeb_mutex_destroy(&sub->lock);
     ezeb_free(sub);
@@ -190,9 +193,10 @@ static zeb_subscriber *new_subscriber(const char *subscription, const char *comp
     sub->membershipInterest = ezeb_strdup_ornull(membershipInterest);
     sub->properties = ezeb_proplist_dup(properties);
     sub->queue = ezeb_queue_create();
+    sub->streams = ezeb_streamtbl_create();
     if (copied(subscription, sub->subscription) && copied(component, sub->component) &&
         copied(membershipInterest, sub->membershipInterest) && copied(properties, sub->properties) &&
-        sub->queue != nullptr)
+        sub->queue != nullptr && sub->streams != nullptr)
         return sub;
     ezeb_subscriber_unref(sub);
     return nullptr;
@@ -313,6 +317,8 @@ int32_t ezeb_subscriber_status(zeb_subscriber *sub, char **statusMessageOut)
 
 /* ---- Closing ---- */
 
+static void leave_lists_locked(zeb_subscriber *sub) EZEB_REQUIRES(sub->lock);
+
 void ezeb_subscriber_closenodereg(zeb_subscriber *sub)
 {
     if (sub == nullptr || __atomic_exchange_n(&sub->closing, 1, __ATOMIC_ACQ_REL) != 0)
@@ -326,6 +332,10 @@ void ezeb_subscriber_closenodereg(zeb_subscriber *sub)
     ezeb_mutex_unlock(&sub->lock);
     ezeb_publisher_close(publisher);
     ezeb_queue_close(sub->queue, ezeb_q_callback);
+    ezeb_streamtbl_shutdown(sub->streams);
+    ezeb_mutex_lock(&sub->lock);
+    leave_lists_locked(sub);
+    ezeb_mutex_unlock(&sub->lock);
     ezeb_subscriber_unref(sub);
 }
 
@@ -366,6 +376,9 @@ void ezeb_subscriber_freesubs(zeb_subscriber *sub) EZEB_NO_ANALYSIS
     sub->memberList = nullptr;
     sub->stateRequester = nullptr;
     sub->queue = nullptr;
+    sub->streams = nullptr; /* the application may hold streams of it */
+    sub->list = nullptr;
+    sub->cells = nullptr;
     sub->publisher = nullptr;
     sub->heldHead = sub->heldTail = nullptr;
     sub->callbackRegistered = 0;
@@ -386,6 +399,7 @@ static void keep_memberlist(zeb_subscriber *sub, const zeb_notification *n)
 }
 
 static bool starts_own_thread(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n);
+static void signal_list(zeb_subscriber *sub);
 
 void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n)
 {
@@ -395,10 +409,13 @@ void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notifica
     }
     if (n->cls == ZEB_CLASS_MEMBERSHIPLIST)
         keep_memberlist(sub, n);
-    if (starts_own_thread(rt, sub, n))
-        return;
-    if (!ezeb_queue_enqueue(sub->queue, n))
+    if (n->cls == ZEB_CLASS_INCOMINGSTREAM)
+        n = ezeb_streamtbl_take(rt, sub->streams, n);
+    if (n == nullptr)
+        return; /* a later piece of a stream */
+    if (!starts_own_thread(rt, sub, n) && !ezeb_queue_enqueue(sub->queue, n))
         ezeb_notification_destroy(n);
+    signal_list(sub);
 }
 
 /* Remembers who asks for the state; an answer goes there. */
@@ -654,6 +671,19 @@ static bool starts_own_thread(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notific
     return false;
 }
 
+zeb_publisher *ezeb_subscriber_refpublisher(zeb_subscriber *sub)
+{
+    const ezeb_locked hold(&sub->lock);
+    return ezeb_publisher_ref(sub->publisher);
+}
+
+void ezeb_subscriber_setowner(zeb_subscriber *sub, void (*release)(void *owner), void *owner)
+{
+    const ezeb_locked hold(&sub->lock);
+    sub->release = release;
+    sub->owner = owner;
+}
+
 /* ---- State transfer ---- */
 
 static void publish_state(zeb_publisher *publisher, const char *type, uint32_t cls, const void *body,
@@ -677,8 +707,8 @@ int32_t ezeb_subscriber_getState(zeb_subscriber *sub)
     ezeb_mutex_lock(&sub->lock);
     const zeb_logicaladdr *first = ezeb_laddrlist_get(sub->memberList, 0);
     zeb_logicaladdr *member = first != nullptr ? ezeb_logicaladdr_dup(first) : nullptr;
-    zeb_publisher *publisher = ezeb_publisher_ref(sub->publisher);
     ezeb_mutex_unlock(&sub->lock);
+    zeb_publisher *publisher = ezeb_subscriber_refpublisher(sub);
     const int32_t known = member != nullptr;
     if (known)
         publish_state(publisher, "/ZEB/SYSTEM/STATEGET", ZEB_CLASS_STATEGET, nullptr, 0, member);
@@ -694,8 +724,8 @@ void ezeb_subscriber_returnState(zeb_subscriber *sub, const void *body, uint32_t
     ezeb_mutex_lock(&sub->lock);
     zeb_logicaladdr *requester = sub->stateRequester;
     sub->stateRequester = nullptr;
-    zeb_publisher *publisher = ezeb_publisher_ref(sub->publisher);
     ezeb_mutex_unlock(&sub->lock);
+    zeb_publisher *publisher = ezeb_subscriber_refpublisher(sub);
     if (requester != nullptr)
         publish_state(publisher, "/ZEB/SYSTEM/STATESET", ZEB_CLASS_STATESET, body,
                       static_cast<int32_t>(length), requester);
@@ -756,4 +786,185 @@ zeb_publisher *ezeb_subscriber_getPublisher(const zeb_subscriber *sub)
 int32_t ezeb_subscriber_hasMembershipInterest(const zeb_subscriber *sub)
 {
     return sub != nullptr && sub->membershipInterest != nullptr;
+}
+
+/* ---- Subscriber lists ----
+ * Each membership is a cell of its own, so that a subscriber in two lists, or twice in one, breaks neither.
+ * Deliveries are told to the list it was added to last; the others find it when they look. Adding looks at
+ * the queue, and delivering at the list, under the subscriber's lock: one of the two always sees the other.
+ */
+
+zeb_subscriberlist *ezeb_subscriberlist_create(void)
+{
+    auto *list = ezeb_new<zeb_subscriberlist>();
+    if (list == nullptr)
+        return nullptr;
+    ezeb_mutex_init(&list->lock);
+    ezeb_cond_init(&list->readyCond);
+    return list;
+}
+
+static void free_list(zeb_subscriberlist *list)
+{
+    ezeb_cond_destroy(&list->readyCond);
+    ezeb_mutex_destroy(&list->lock);
+    ezeb_free(list);
+}
+
+static void unlink_cell_locked(zeb_subscriberlist *list, ezeb_listcell *cell) EZEB_REQUIRES(list->lock)
+{
+    (cell->prev != nullptr ? cell->prev->next : list->head) = cell->next;
+    (cell->next != nullptr ? cell->next->prev : list->tail) = cell->prev;
+    list->count--;
+}
+
+/* Takes the first cell of CELLS out of its list and releases it, and the list when it was destroyed and this
+ * was its last. */
+static void leave(ezeb_listcell **cells)
+{
+    ezeb_listcell *cell = *cells;
+    zeb_subscriberlist *list = cell->list;
+    *cells = cell->nextOfSub;
+    ezeb_mutex_lock(&list->lock);
+    unlink_cell_locked(list, cell);
+    const bool last = list->count == 0;
+    const bool gone = last && list->destroyed != 0;
+    if (last && list->waiters > 0)
+        ezeb_cond_broadcast(&list->readyCond);
+    ezeb_mutex_unlock(&list->lock);
+    if (gone)
+        free_list(list);
+    ezeb_free(cell);
+}
+
+/* The ready slot of a list may go on naming the subscriber: that is how lists behave, and their callers are
+ * told. */
+static void leave_lists_locked(zeb_subscriber *sub)
+{
+    while (sub->cells != nullptr)
+        leave(&sub->cells);
+    sub->list = nullptr;
+}
+
+/* Tells LIST that SUB has something. False when the list is destroyed. */
+static bool make_ready(zeb_subscriberlist *list, zeb_subscriber *sub)
+{
+    const ezeb_locked hold(&list->lock);
+    if (list->destroyed != 0)
+        return false;
+    if (list->ready == nullptr) {
+        list->ready = sub;
+        if (list->waiters > 0)
+            ezeb_cond_broadcast(&list->readyCond);
+    }
+    return true;
+}
+
+static void signal_list_locked(zeb_subscriber *sub) EZEB_REQUIRES(sub->lock)
+{
+    zeb_subscriberlist *list = sub->list;
+    if (list == nullptr || make_ready(list, sub))
+        return;
+    sub->list = nullptr;
+    ezeb_listcell **at = &sub->cells;
+    while (*at != nullptr) {
+        if ((*at)->list == list)
+            leave(at); /* the last one releases the list, whose address serves for comparing only from then on
+                        */
+        else
+            at = &(*at)->nextOfSub;
+    }
+}
+
+static void signal_list(zeb_subscriber *sub)
+{
+    const ezeb_locked hold(&sub->lock);
+    signal_list_locked(sub);
+}
+
+/* Appends CELL unless the list is destroyed. */
+static bool join(zeb_subscriberlist *list, ezeb_listcell *cell)
+{
+    const ezeb_locked hold(&list->lock);
+    if (list->destroyed != 0)
+        return false;
+    cell->prev = list->tail;
+    (list->tail != nullptr ? list->tail->next : list->head) = cell;
+    list->tail = cell;
+    list->count++;
+    return true;
+}
+
+void ezeb_subscriberlist_add(zeb_subscriberlist *list, zeb_subscriber *sub)
+{
+    if (list == nullptr || sub == nullptr)
+        return;
+    auto *cell = ezeb_new<ezeb_listcell>();
+    if (cell == nullptr)
+        return;
+    cell->list = list;
+    cell->sub = sub;
+    const ezeb_locked hold(&sub->lock);
+    if (ezeb_flag_get(&sub->closing) != 0 || !join(list, cell)) {
+        ezeb_free(cell);
+        return;
+    }
+    cell->nextOfSub = sub->cells;
+    sub->cells = cell;
+    sub->list = list;
+    if (ezeb_queue_length(sub->queue) > 0)
+        signal_list_locked(sub);
+}
+
+void ezeb_subscriberlist_destroy(zeb_subscriberlist **list)
+{
+    if (list == nullptr || *list == nullptr)
+        return;
+    zeb_subscriberlist *gone = *list;
+    *list = nullptr;
+    ezeb_mutex_lock(&gone->lock);
+    gone->destroyed = 1;
+    const bool empty = gone->count == 0;
+    ezeb_mutex_unlock(&gone->lock);
+    if (empty)
+        free_list(gone);
+}
+
+static zeb_subscriber *find_waiting_locked(const zeb_subscriberlist *list) EZEB_REQUIRES(list->lock)
+{
+    for (const ezeb_listcell *cell = list->head; cell != nullptr; cell = cell->next) {
+        if (ezeb_queue_length(cell->sub->queue) > 0)
+            return cell->sub;
+    }
+    return nullptr;
+}
+
+/* One wait, limited or not: what the slot holds afterwards is the result, nothing when it ended early. */
+static void wait_ready_locked(zeb_subscriberlist *list, int32_t timeout) EZEB_REQUIRES(list->lock)
+{
+    list->waiters++;
+    if (timeout > 0) {
+        const timespec deadline = ezeb_deadline(timeout);
+        ezeb_cond_waituntil(&list->readyCond, &list->lock, &deadline);
+    } else {
+        ezeb_cond_wait(&list->readyCond, &list->lock);
+    }
+    list->waiters--;
+}
+
+zeb_subscriber *ezeb_subscriber_multirecv(zeb_subscriberlist *list, int32_t wait, int32_t timeout)
+{
+    if (list == nullptr)
+        return nullptr;
+    const ezeb_locked hold(&list->lock);
+    zeb_subscriber *found = list->ready;
+    if (found == nullptr && list->count > 0) {
+        found = find_waiting_locked(list);
+        if (found == nullptr && wait != 0) {
+            wait_ready_locked(list, timeout);
+            found = list->ready;
+        }
+    }
+    list->ready = nullptr;
+    return found;
 }

@@ -192,6 +192,19 @@ int32_t ezeb_dsprintf(char **buf, const char *format, ...)
     return length;
 }
 
+void ezeb_diag_text(const char *text, size_t length)
+{
+    while (length > 0) {
+        const ssize_t n = write(STDERR_FILENO, text, length);
+        if (n > 0) {
+            text += n;
+            length -= static_cast<size_t>(n);
+        } else if (n == 0 || errno != EINTR) {
+            return; /* nobody listens: a diagnostic is not worth more */
+        }
+    }
+}
+
 void ezeb_diag(const char *format, ...)
 {
     char *text = nullptr;
@@ -199,13 +212,8 @@ void ezeb_diag(const char *format, ...)
     va_start(args, format);
     const int32_t length = ds_append(&text, format, args);
     va_end(args);
-    for (int32_t done = 0; done < length;) {
-        const ssize_t n = write(STDERR_FILENO, text + done, static_cast<size_t>(length - done));
-        if (n > 0)
-            done += static_cast<int32_t>(n);
-        else if (n == 0 || errno != EINTR)
-            break; /* nobody listens: a diagnostic is not worth more */
-    }
+    if (length > 0)
+        ezeb_diag_text(text, static_cast<size_t>(length));
     ezeb_free(text);
 }
 

@@ -45,6 +45,11 @@ struct zeb_notification {
     const char *id;
     const char *instanceName;
     const char *streamKey;
+    zeb_publisher *streamPublisher; /* referenced; set by the publish of a stream's head */
+    zeb_outstream *outputStream;    /* owns the notification, once created */
+    zeb_instream *inputStream;      /* on the first piece of an incoming stream */
+    mutable int32_t
+        inputStreamHanded; /* the application has the handle; until then the stream's end is this record's */
     ezeb_propnode *properties; /* newest first */
     char *body;
     zeb_logicaladdr *generatingAddress;
@@ -81,6 +86,12 @@ int32_t ezeb_notification_write(ezeb_runtime *rt, const zeb_notification *n, eze
  * class, names no subscriber, or memory is out. *IDS, null at the call, may be set in any case and is the
  * caller's to free. */
 zeb_notification *ezeb_notification_read(ezeb_sb *sb, int32_t **ids, int32_t *idcount);
+
+char *ezeb_notification_toString(zeb_notification *n, int32_t bodyFormat);
+void ezeb_notification_print(zeb_notification *n);
+
+/* Binds the head of a stream to PUBLISHER under the key that is its id; 0 when memory is out. */
+int32_t ezeb_notification_set_streampublisher(zeb_notification *n, zeb_publisher *publisher);
 
 int32_t ezeb_write_proplist(const zeb_proplist *list,
                             ezeb_sb *sb); /* 1, or 0 for a null buffer or a failed write */

@@ -5,12 +5,14 @@
 #include "ezeblock.h"
 #include "ezebqueue.h"
 #include "ezebsbuf.h"
+#include "ezebstream.h"
 
 #include "zeb.h"
 
 #include <signal.h>
 
 struct ezeb_runtime;
+struct ezeb_listcell;
 
 enum { EZEB_SUBSCRIBE = 0, EZEB_UNSUBSCRIBE = 1 };
 
@@ -50,6 +52,7 @@ struct zeb_subscriber {
     ezeb_queue *queue; /* of notifications delivered and not received; has its own lock */
 
     /* Guarded by the runtime's registry lock. */
+    ezeb_streamtbl *streams; /* incoming, by key; constant pointer */
     zeb_subscriber *liveNext;
     zeb_subscriber *livePrev;
     int32_t queued; /* its subscribe request waits in the send queue: a mark within one walk */
@@ -71,8 +74,35 @@ struct zeb_subscriber {
     void *callbackContext EZEB_GUARDED_BY(lock);
     int32_t callbackMode EZEB_GUARDED_BY(lock);
     int32_t callbackRegistered EZEB_GUARDED_BY(lock);
-    uint32_t callbackNumber
-        EZEB_GUARDED_BY(lock); /* of the registration: an old dispatcher leaves when it is not its own */
+    /* Of the registration: an old dispatcher leaves when it is not its own. */
+    uint32_t callbackNumber EZEB_GUARDED_BY(lock);
+    zeb_subscriberlist *list EZEB_GUARDED_BY(lock); /* told of deliveries: the one it was added to last */
+    ezeb_listcell *cells EZEB_GUARDED_BY(lock);     /* all places it has in lists */
+    /* Called at the very end, when no call-back can run any more. */
+    void (*release)(void *owner) EZEB_GUARDED_BY(lock);
+    void *owner EZEB_GUARDED_BY(lock);
+};
+
+/* One place of a subscriber in a list. */
+struct ezeb_listcell {
+    zeb_subscriberlist *list; /* constant */
+    zeb_subscriber *sub;      /* constant */
+    ezeb_listcell *nextOfSub; /* guarded by the subscriber's lock */
+    ezeb_listcell *next;      /* guarded by the list's lock, as is prev */
+    ezeb_listcell *prev;
+};
+
+/* A subscriber list does not own its members. Destroyed with members in it, it goes with the last of them. */
+struct zeb_subscriberlist {
+    ezeb_mutex lock; /* guards everything below */
+    ezeb_cond readyCond;
+    ezeb_listcell *head EZEB_GUARDED_BY(lock);
+    ezeb_listcell *tail EZEB_GUARDED_BY(lock);
+    int32_t count EZEB_GUARDED_BY(lock);
+    int32_t waiters EZEB_GUARDED_BY(lock);
+    int32_t destroyed EZEB_GUARDED_BY(lock);
+    /* First to get a delivery since it was last taken; never looked through. */
+    zeb_subscriber *ready EZEB_GUARDED_BY(lock);
 };
 
 zeb_subscriber *ezeb_subscriber_create(const char *subscription, const char *component,
@@ -94,6 +124,17 @@ const char *ezeb_subscriber_subscription(const zeb_subscriber *sub);
 const char *ezeb_subscriber_component(const zeb_subscriber *sub);
 uint32_t ezeb_subscriber_id(const zeb_subscriber *sub);
 zeb_publisher *ezeb_subscriber_getPublisher(const zeb_subscriber *sub);
+
+void ezeb_subscriberlist_destroy(zeb_subscriberlist **list);
+void ezeb_subscriberlist_add(zeb_subscriberlist *list, zeb_subscriber *sub);
+zeb_subscriberlist *ezeb_subscriberlist_create(void);
+zeb_subscriber *ezeb_subscriber_multirecv(zeb_subscriberlist *list, int32_t wait, int32_t timeout);
+
+/* The subscriber's publisher, referenced; null once it is closing. */
+zeb_publisher *ezeb_subscriber_refpublisher(zeb_subscriber *sub);
+
+/* RELEASE(OWNER) is called when the record is released for good: no call-back of it runs then or later. */
+void ezeb_subscriber_setowner(zeb_subscriber *sub, void (*release)(void *owner), void *owner);
 
 int32_t ezeb_subscriber_hasMembershipInterest(const zeb_subscriber *sub);
 void ezeb_subscriber_unref(zeb_subscriber *sub);

@@ -50,6 +50,7 @@ int32_t ezeb_dsprintf(char **buf, const char *format, ...) __attribute__((format
 
 /* Writes formatted text to standard error in one piece. Formats on the heap: a stream would need 14 KB of
  * stack, and service threads may have 16. */
+void ezeb_diag_text(const char *text, size_t length);
 void ezeb_diag(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 /* ---- Text builder: a growing string that knows its length. Starts zeroed; a failed append sticks. */
