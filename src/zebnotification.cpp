@@ -565,7 +565,7 @@ static bool read_origin(zeb_notification *n, ezeb_sb *sb)
  * commits little memory. */
 static char *read_block(ezeb_sb *sb, int32_t length)
 {
-    constexpr size_t FIRST_STEP = 1024 * 1024;
+    constexpr size_t FIRST_STEP = 1048576;
     const auto wanted = static_cast<size_t>(length);
     char *block = nullptr;
     size_t have = 0;

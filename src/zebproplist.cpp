@@ -35,7 +35,7 @@ zeb_property *ezeb_proplist_getIndex(const zeb_proplist *list, int32_t index)
 
 static bool make_room(zeb_proplist *list)
 {
-    if (list->count < list->capacity)
+    if (list->entries != nullptr && list->count < list->capacity)
         return true;
     const auto wanted = static_cast<size_t>(list->capacity) + EZEB_PROPLIST_STEP;
     auto *grown = static_cast<zeb_property *>(ezeb_realloc(list->entries, wanted * sizeof(zeb_property)));

@@ -5,7 +5,7 @@
 
 #include <errno.h>
 
-enum : size_t { STACK_GUARD = 64 * 1024, STACK_RETRY = 64 * 1024 };
+enum : size_t { STACK_GUARD = 65536, STACK_RETRY = 65536 };
 
 struct thread_start {
     void *(*body)(void *);

@@ -160,7 +160,9 @@ static int32_t ds_append(char **buf, const char *format, va_list args)
     const uint32_t before = capacity;
     va_list again;
     va_copy(again, args);
-    const int n = vsnprintf(text + length, capacity - length, format, args);
+    /* The analyzer takes a va_list that came as a parameter for one that was never started. */
+    const int n = vsnprintf(text + length, capacity - length, format,
+                            args); // NOLINT(clang-analyzer-valist.Uninitialized)
     if (n >= 0 && static_cast<size_t>(n) >= capacity - length) {
         char *grown = ds_grow(text, length, static_cast<size_t>(n), &capacity);
         if (grown != nullptr) {
