@@ -174,5 +174,9 @@ static int run(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    return zebd::run(argc, argv);
+    try {
+        return zebd::run(argc, argv);
+    } catch (...) { /* memory ran out */
+        return zebd::exitNotServing;
+    }
 }

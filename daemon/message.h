@@ -37,11 +37,11 @@ std::string_view event_class_name(event_class cls);
 bool event_class_has_origin(event_class cls);
 
 struct message_limits {
-    size_t line = 128 * 1024;            /* octets of one header line */
-    size_t header = 1024 * 1024;         /* octets of all header lines of a message */
-    size_t properties = 10000;           /* property lines of a message */
-    size_t body = 64 * 1024 * 1024;      /* octets of an event's body */
-    size_t addresses = 16 * 1024 * 1024; /* octets of an event's address list */
+    size_t line = size_t{128} * 1024;            /* octets of one header line */
+    size_t header = size_t{1024} * 1024;         /* octets of all header lines of a message */
+    size_t properties = 10000;                   /* property lines of a message */
+    size_t body = size_t{64} * 1024 * 1024;      /* octets of an event's body */
+    size_t addresses = size_t{16} * 1024 * 1024; /* octets of an event's address list */
 };
 
 /* A run of octets inside a message. */

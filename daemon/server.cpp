@@ -502,7 +502,7 @@ static void on_signal(uv_signal_t *handle, int number)
 static void start_signals(server &s)
 {
     static constexpr int numbers[] = {SIGTERM, SIGINT};
-    for (int i = 0; i < 2; i++) {
+    for (size_t i = 0; i < std::size(numbers); i++) {
         uv_signal_init(&s.loop, &s.signals[i]);
         s.signals[i].data = &s;
         uv_signal_start(&s.signals[i], on_signal, numbers[i]);

@@ -17,7 +17,8 @@ struct server_options {
     uint16_t port = 0; /* 0: one that the kernel chooses, the same for both addresses */
     int readyFd = -1;  /* gets "ready port=N" and a line feed when listening, and is then closed */
     size_t clients = 10000;
-    size_t queue = 64 * 1024 * 1024;  /* octets waiting for one client; above it the client is dropped */
+    size_t queue =
+        size_t{64} * 1024 * 1024;     /* octets waiting for one client; above it the client is dropped */
     uint32_t stopMilliseconds = 5000; /* for writing what is queued, once told to stop */
     message_limits messages;
     engine_limits engine;

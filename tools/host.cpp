@@ -113,18 +113,18 @@ bool something_listens(uint16_t port)
            accepts(reinterpret_cast<const sockaddr *>(&v6), sizeof(v6));
 }
 
-static bool is_set(const char *name)
+/* The value of an environment variable, FALLBACK when it is unset or empty. */
+static std::string setting(const char *name, const char *fallback)
 {
     const char *value = std::getenv(name);
-    return value != nullptr && value[0] != '\0';
+    return value != nullptr && value[0] != '\0' ? value : fallback;
 }
 
 /* The library wants a home directory, which it only tells the daemon about. The user's own will do. */
 static void supply_home()
 {
-    if (is_set("TAMBEK_CONFIG_HOME") || is_set("TAMBEK_HOME"))
-        return;
-    setenv("TAMBEK_HOME", is_set("HOME") ? std::getenv("HOME") : "/", 1);
+    if (setting("TAMBEK_CONFIG_HOME", "").empty() && setting("TAMBEK_HOME", "").empty())
+        setenv("TAMBEK_HOME", setting("HOME", "/").c_str(), 1);
 }
 
 exit_code join(uint16_t port, std::string &instance)

@@ -49,7 +49,7 @@ static CLI::App *declare_sub(CLI::App &app, sub_options &options)
     return verb;
 }
 
-int main(int argc, char **argv)
+static int run(int argc, char **argv)
 {
     common_options common;
     pub_options pubOptions;
@@ -67,4 +67,13 @@ int main(int argc, char **argv)
     if (pubVerb->parsed())
         return pub(common, pubOptions);
     return subVerb->parsed() ? sub(common, subOptions) : status(common);
+}
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (...) { /* memory ran out */
+        return exit_partly;
+    }
 }

@@ -27,7 +27,7 @@ static double now()
 
 static void pause_briefly()
 {
-    const timespec pause{0, 5 * 1000 * 1000};
+    const timespec pause{0, 5000000};
     nanosleep(&pause, nullptr);
 }
 

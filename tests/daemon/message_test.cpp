@@ -21,7 +21,7 @@ std::string describe(const message &what)
         text = "subscribe " + std::to_string(sub->id) + " [" + sub->subscription + "][" + sub->component +
                "][" + sub->interest + "]" + (sub->deltas ? " deltas" : "");
         for (const auto &[name, value] : sub->properties)
-            text += " {" + name + "}={" + value + "}";
+            text.append(" {").append(name).append("}={").append(value).append("}");
         return text;
     }
     const event &e = *std::get<std::shared_ptr<event>>(what);
@@ -75,23 +75,23 @@ std::string conversation()
 
 TEST(MessageReader, UnderstandsEveryKindOfMessage)
 {
-    const std::vector<std::string> expected = {
-        "connect [4][abc][Pid=4242; Home=/opt/app]",
-        "subscribe 1 [][watcher][null]",
-        "event MessageNotification 0 [/app/disk/full] [node1:911] [db] [n1 n2] [storage] [node1:9] [node1] "
-        "[east] [] "
-        "[he\r\nl] [] local {sev}={3} {note}={}",
-        "subscribe 7 [(\"@type=/a\")&(\"k: v=1\")][][(\"/ZEB/RPC/SVR=a\")] deltas {/ZEB/RPC/SVR}={a} "
-        "{empty}={} "
-        "{with:colon}={x: y}",
-        "event MessageNotification 0 [] [] [] [] [] [] [] [] [] [] []",
-        "event IncomingStreamingNotification 0 [/log] [node1:912] [] [] [logger] [node1:9] [node1] [east] "
-        "[node1:911] "
-        "[abc] []",
-        "event StateSetNotification 3 [/ZEB/SYSTEM/STATESET] [node1:913] [] [] [] [] [] [] [] [ok] [ADDR]",
-        "unsubscribe 1",
-    };
-    EXPECT_EQ(read_all(conversation(), SIZE_MAX / 2), expected);
+    const auto messages = read_all(conversation(), SIZE_MAX / 2);
+    ASSERT_EQ(messages.size(), 8U);
+    EXPECT_EQ(messages[0], "connect [4][abc][Pid=4242; Home=/opt/app]");
+    EXPECT_EQ(messages[1], "subscribe 1 [][watcher][null]");
+    EXPECT_EQ(messages[2],
+              "event MessageNotification 0 [/app/disk/full] [node1:911] [db] [n1 n2] [storage] [node1:9] "
+              "[node1] [east] [] [he\r\nl] [] local {sev}={3} {note}={}");
+    EXPECT_EQ(messages[3], "subscribe 7 [(\"@type=/a\")&(\"k: v=1\")][][(\"/ZEB/RPC/SVR=a\")] deltas "
+                           "{/ZEB/RPC/SVR}={a} {empty}={} {with:colon}={x: y}");
+    EXPECT_EQ(messages[4], "event MessageNotification 0 [] [] [] [] [] [] [] [] [] [] []");
+    EXPECT_EQ(messages[5],
+              "event IncomingStreamingNotification 0 [/log] [node1:912] [] [] [logger] [node1:9] [node1] "
+              "[east] [node1:911] [abc] []");
+    EXPECT_EQ(messages[6],
+              "event StateSetNotification 3 [/ZEB/SYSTEM/STATESET] [node1:913] [] [] [] [] [] [] [] [ok] "
+              "[ADDR]");
+    EXPECT_EQ(messages[7], "unsubscribe 1");
 }
 
 TEST(MessageReader, PiecesOfAnySizeGiveTheSameMessages)

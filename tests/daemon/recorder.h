@@ -13,7 +13,8 @@ struct recorder {
     std::map<zebd::connection_id, std::vector<std::string>> sent;
     std::vector<std::shared_ptr<const zebd::encoded_event>> encodings; /* of the events sent, in order */
 
-    static void take(void *context, zebd::connection_id to, zebd::outgoing item)
+    static void take(void *context, zebd::connection_id to,
+                     zebd::outgoing item) // NOLINT(performance-unnecessary-value-param)
     {
         auto &self = *static_cast<recorder *>(context);
         std::string text;

@@ -3,6 +3,7 @@
 #include "wire.h"
 
 #include <arpa/inet.h>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
@@ -13,6 +14,8 @@
 
 namespace
 {
+
+constexpr size_t mebibyte = size_t{1024} * 1024;
 
 /* A client by hand. Every wait has a limit; what went wrong is seen in what is missing from the text. */
 struct peer {
@@ -143,9 +146,9 @@ TEST_F(Server, AnswersTheConnectWithResultThirdAndInstanceNameNinth)
     peer client;
     ASSERT_TRUE(client.dial(daemon.port));
     ASSERT_TRUE(client.say(wire::connect));
-    std::vector<std::string> lines;
-    for (int i = 0; i < 10; i++)
-        lines.push_back(client.hear("\r\n"));
+    std::array<std::string, 10> lines;
+    for (std::string &line : lines)
+        line = client.hear("\r\n");
     EXPECT_EQ(lines[2], "Result: success\r\n");
     EXPECT_EQ(lines[8], "instanceName: east\r\n");
     EXPECT_EQ(lines[9], "\r\n");
@@ -195,7 +198,7 @@ TEST_F(Server, CarriesALargeBodyUnchanged)
     serve();
     peer client;
     ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
-    std::string body(8 * 1024 * 1024, '\0');
+    std::string body(8 * mebibyte, '\0');
     for (size_t i = 0; i < body.size(); i++)
         body[i] = static_cast<char>(i * 31 % 251);
     ASSERT_TRUE(client.say(
@@ -359,7 +362,7 @@ TEST_F(Server, StopWritesWhatIsQueued)
     peer reader, from;
     ASSERT_TRUE(reader.join(daemon.port) && reader.subscribe());
     ASSERT_TRUE(from.join(daemon.port));
-    const size_t size = 30 * 1024 * 1024;
+    const size_t size = 30 * mebibyte;
     ASSERT_TRUE(from.say(
         wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
     ASSERT_TRUE(from.say(std::string(size, 'x')));
@@ -381,7 +384,7 @@ TEST_F(Server, StopGivesUpOnAClientThatReadsNothing)
     peer lazy, from;
     ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
     ASSERT_TRUE(from.join(daemon.port));
-    const size_t size = 30 * 1024 * 1024;
+    const size_t size = 30 * mebibyte;
     ASSERT_TRUE(from.say(
         wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
     ASSERT_TRUE(from.say(std::string(size, 'x')));
@@ -398,7 +401,7 @@ TEST_F(Server, ClosesItsDoorAtOnceWhenStopping)
     peer reader, from;
     ASSERT_TRUE(reader.join(daemon.port) && reader.subscribe());
     ASSERT_TRUE(from.join(daemon.port));
-    const size_t size = 30 * 1024 * 1024;
+    const size_t size = 30 * mebibyte;
     ASSERT_TRUE(from.say(
         wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
     ASSERT_TRUE(from.say(std::string(size, 'x')));
