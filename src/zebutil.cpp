@@ -161,8 +161,8 @@ static int32_t ds_append(char **buf, const char *format, va_list args)
     va_list again;
     va_copy(again, args);
     /* The analyzer takes a va_list that came as a parameter for one that was never started. */
-    const int n = vsnprintf(text + length, capacity - length, format,
-                            args); // NOLINT(clang-analyzer-valist.Uninitialized)
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+    const int n = vsnprintf(text + length, capacity - length, format, args);
     if (n >= 0 && static_cast<size_t>(n) >= capacity - length) {
         char *grown = ds_grow(text, length, static_cast<size_t>(n), &capacity);
         if (grown != nullptr) {

@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <new>
+
 void *ezeb_malloc(size_t size);
 void *ezeb_zalloc(size_t size); /* zeroed */
 void *ezeb_realloc(void *ptr, size_t size);
@@ -21,7 +23,8 @@ void *ezeb_memdup(const void *data, size_t length);
 template <typename T>
 inline T *ezeb_new()
 {
-    return static_cast<T *>(ezeb_zalloc(sizeof(T)));
+    void *memory = ezeb_malloc(sizeof(T));
+    return memory != nullptr ? new (memory) T() : nullptr;
 }
 
 /* *OUT = S as an integer of base 10, 8 (leading 0) or 16 (leading 0x), cut to 32 bits; 0 for null or "".
