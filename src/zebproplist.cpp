@@ -102,7 +102,11 @@ zeb_proplist *ezeb_proplist_dup(const zeb_proplist *list)
         return copy;
     copy->entries =
         static_cast<zeb_property *>(ezeb_malloc(static_cast<size_t>(list->capacity) * sizeof(zeb_property)));
-    bool complete = copy->entries != nullptr;
+    if (copy->entries == nullptr) {
+        ezeb_free(copy);
+        return nullptr;
+    }
+    bool complete = true;
     copy->capacity = list->capacity;
     for (int32_t i = 0; complete && i < list->count; i++) {
         zeb_property *entry = &copy->entries[copy->count++];
