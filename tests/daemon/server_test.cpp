@@ -299,6 +299,20 @@ TEST_F(Server, DropsAClientWhoseQueuePassesItsLimit)
     EXPECT_TRUE(from.subscribe());
 }
 
+/* The limit is on what waits, not on what has passed through. */
+TEST_F(Server, KeepsAClientThatReadsHoweverMuchItGets)
+{
+    serve({"--max-queue", "200000"});
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
+    const std::string body(50000, 'x');
+    for (int i = 0; i < 20; i++) {
+        ASSERT_TRUE(
+            client.say(wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: 50000") + body));
+        ASSERT_EQ(client.hear(body).substr(0, 5), "POST ") << "event " << i;
+    }
+}
+
 TEST_F(Server, RefusesABodyAboveTheLimit)
 {
     serve({"--max-body", "4"});
