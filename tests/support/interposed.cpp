@@ -43,6 +43,7 @@ std::vector<zebtest::interposed::created_thread> threadsSoFar;
 failing threads;
 size_t leastStack = 0;
 int resolverError = 0;
+std::string lookup;
 failing sockets;
 uint16_t boundPort = 0;
 
@@ -106,7 +107,17 @@ extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attr, voi
         if (asked.result != 0)
             return asked.result;
     }
-    return create(thread, attr, body, argument);
+    constexpr size_t roomy = 1024 * 1024;
+    const bool sanitized = zebtest::threadSanitizer || zebtest::addressSanitizer;
+    if (!sanitized || attr == nullptr || asked.stacksize >= roomy)
+        return create(thread, attr, body, argument);
+    pthread_attr_t enlarged;
+    pthread_attr_init(&enlarged);
+    pthread_attr_setdetachstate(&enlarged, state);
+    pthread_attr_setstacksize(&enlarged, roomy);
+    const int result = create(thread, &enlarged, body, argument);
+    pthread_attr_destroy(&enlarged);
+    return result;
 }
 
 extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints, addrinfo **found)
@@ -114,6 +125,7 @@ extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo
     static auto *const resolve = real<decltype(getaddrinfo)>("getaddrinfo");
     {
         const std::lock_guard hold(lock);
+        lookup = std::string(node != nullptr ? node : "") + ":" + (service != nullptr ? service : "");
         if (resolverError != 0)
             return resolverError;
     }
@@ -142,6 +154,20 @@ extern "C" int socket(int family, int type, int protocol) noexcept
 namespace zebtest::interposed
 {
 
+void reset()
+{
+    const std::lock_guard hold(lock);
+    sleepsSoFar.clear();
+    perSecond = milliseconds{1000};
+    threadsSoFar.clear();
+    threads = {};
+    leastStack = 0;
+    resolverError = 0;
+    lookup.clear();
+    sockets = {};
+    boundPort = 0;
+}
+
 void shorten_sleeps(milliseconds length)
 {
     const std::lock_guard hold(lock);
@@ -158,6 +184,12 @@ void forget_sleeps()
 {
     const std::lock_guard hold(lock);
     sleepsSoFar.clear();
+}
+
+std::string last_lookup()
+{
+    const std::lock_guard hold(lock);
+    return lookup;
 }
 
 std::vector<created_thread> created_threads()

@@ -8,10 +8,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace zebtest::interposed
 {
+
+/* Lets everything pass through again and forgets what was noted. */
+void reset();
 
 /* ---- sleep ---- */
 
@@ -23,6 +27,7 @@ void forget_sleeps();
 
 /* ---- pthread_create ---- */
 
+/* Under a sanitizer every thread really gets at least 1 MiB: its frames do not fit the library's sizes. */
 struct created_thread {
     size_t stacksize; /* as asked for, or the system's default */
     bool detached;
@@ -43,6 +48,9 @@ void refuse_stacks_below(size_t size);
 
 /* From now on it fails with ERROR (0: not any more). */
 void fail_resolver(int error);
+
+/* Host and service of the last call, as "host:service"; empty without one. */
+std::string last_lookup();
 
 /* ---- socket ---- */
 

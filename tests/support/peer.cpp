@@ -245,6 +245,12 @@ int peer::other_end() const
     return -1;
 }
 
+int peer::unsent_by_library() const
+{
+    int count = 0;
+    return ioctl(other_end(), TIOCOUTQ, &count) == 0 ? count : 0;
+}
+
 void peer::half_close()
 {
     ::shutdown(fd, SHUT_WR);

@@ -79,6 +79,9 @@ class peer
     /* The library's descriptor of this connection, when it is one of this process; else -1. */
     int other_end() const;
 
+    /* Bytes that the library has written and this end's buffer has not taken; under the same condition. */
+    int unsent_by_library() const;
+
   private:
     enum class arrival { SOME, END, NOTHING };
     arrival more(milliseconds limit);
