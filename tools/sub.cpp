@@ -54,6 +54,14 @@ static void print(const common_options &common, const sub_options &options, cons
         put(common.json ? json_line(n) : readable_line(n));
 }
 
+/* Of a stream only the head is shown; closing it makes the library drop what follows. */
+static void give_back(zeb_subscriber *subscriber, zeb_notification *n)
+{
+    zeb_instream *stream = zeb_notification_getInputStream(n);
+    zeb_instream_close(&stream);
+    zeb_subscriber_relinquish(subscriber, n);
+}
+
 static exit_code receive_all(const common_options &common, const sub_options &options,
                              zeb_subscriber *subscriber)
 {
@@ -65,7 +73,7 @@ static exit_code receive_all(const common_options &common, const sub_options &op
             break;
         received++;
         print(common, options, n);
-        zeb_subscriber_relinquish(subscriber, n);
+        give_back(subscriber, n);
     }
     if (options.count == 0 || received == options.count || interrupted != 0)
         return exit_done;

@@ -1,5 +1,7 @@
 /* zeb as a program: what it prints, octet by octet, and the code it ends with. */
+#include "peer.h"
 #include "process.h"
+#include "wire.h"
 
 #include <arpa/inet.h>
 #include <chrono>
@@ -348,6 +350,25 @@ TEST_F(Tool, OnlyWhatTheSubscriptionAsksForIsPrinted)
     EXPECT_EQ(zeb({"pub", "/app/y", "-p", "sev=3", "--body", "this one"}).code, 0);
     EXPECT_EQ(process::finish(sub), 0);
     EXPECT_EQ(sub.outText, "this one\n");
+}
+
+/* The pieces behind the head are of no interest here and must not pile up unread. */
+TEST_F(Tool, OfAStreamOnlyTheHeadIsPrinted)
+{
+    serve();
+    process::running sub;
+    subscribe(sub, {"--json", "--count", "2"});
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port));
+    for (int i = 0; i < 3; i++)
+        ASSERT_TRUE(client.say(wire::streamPiece));
+    ASSERT_TRUE(client.say(wire::with(wire::streamPiece, "Content-Length: 3\r\nAddrList-Length: 0\r\n\r\nabc",
+                                      "Content-Length: 0\r\nAddrList-Length: 0\r\n\r\n")));
+    ASSERT_TRUE(client.say(wire::messageEvent));
+    EXPECT_EQ(process::finish(sub), 0);
+    const size_t second = sub.outText.find('\n') + 1;
+    EXPECT_EQ(json::parse(sub.outText.substr(0, second))["class"], "stream");
+    EXPECT_EQ(json::parse(sub.outText.substr(second))["class"], "message");
 }
 
 TEST_F(Tool, ARefusedSubscriptionEndsWithCode3AndTheReason)
