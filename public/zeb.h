@@ -16,10 +16,10 @@
  * that registered the call-back (mode 0) or that called zeb_init (mode 1). The library never changes a
  * signal's disposition, and a daemon that goes away raises no SIGPIPE.
  *
- * Call-back stacks. Every thread that the library starts has a stack of 32768 bytes, call-back threads
- * included. That is little: printf of a floating-point number, or a buffer of a few kilobytes, does not fit
- * beside it. Set TAMBEK_THREAD_STACKSIZE (bytes, at least 16384) before zeb_init when a call-back needs more.
- * A call-back must return: it must not throw through the library, call pthread_exit or be cancelled.
+ * Call-back stacks. The service threads and every call-back thread have a stack of 32768 bytes. That is
+ * little: printf of a floating-point number, or a buffer of a few kilobytes, does not fit beside it. Set
+ * TAMBEK_THREAD_STACKSIZE (bytes, at least 16384) before zeb_init when a call-back needs more. A call-back
+ * must return: it must not throw through the library, call pthread_exit or be cancelled.
  *
  * Loss of the daemon. Nothing is reported: the library reconnects for ever (waiting 1 second 31 times, then
  * 2, 3, 4 and 5 seconds for good), keeps what is to be sent in order, and subscribes every subscriber again.
@@ -127,11 +127,13 @@ ZEB_API void zeb_get_instancename(char **instancename);
 ZEB_API int32_t zeb_shutdown_nowait(void);
 
 /* Gives back one initialisation. The last one sends everything that is queued (without a connection it is
- * discarded), ends both service threads, closes every subscriber and publisher that is still open and
- * releases them: their handles must not be used afterwards. Blocks until the daemon has taken what was
+ * discarded), ends both service threads, and closes every subscriber and publisher that is still open and
+ * releases them: their handles must not be used afterwards. Streams, subscriber lists, remote-call servers,
+ * clients and invocations stay their owners' to close or destroy, and so do members that a loss of the
+ * connection has dropped; nothing arrives at them any more. Blocks until the daemon has taken what was
  * queued, without limit; and for the rest of a back-off pause when the daemon is away (up to 32 seconds).
- * Threads blocked in a receive, a creation or a wait for the connection are woken. May be called in a
- * call-back. Returns 0, also when nothing runs. */
+ * Threads blocked in a receive, a multirecv, a read of a stream, a creation or a wait for the connection are
+ * woken. May be called in a call-back. Returns 0, also when nothing runs. */
 ZEB_API int32_t zeb_shutdown(void);
 
 /* Starts the runtime with home directory and port from the environment and returns at once; the connection is
@@ -709,10 +711,10 @@ ZEB_API zeb_rpcresponse *zeb_rpcinvocation_getresponse(zeb_rpcinvocation *invoca
 ZEB_API void zeb_rpcclient_destroy(zeb_rpcclient **client);
 
 /* Calls FUNCTION at each address of SERVERS (copied) with the LENGTH bytes at DATA (copied). Returns the
- * invocation, which the caller destroys; null when a handle is null or memory is out. Does not block. An
- * address that is not a live server of its name gets an error response of code -2 at once; an unknown
- * function answers with -3. The first form passes each response to CALLBACK with CONTEXT (null: queued, as
- * with the second). */
+ * invocation, which the caller destroys; null when CLIENT, FUNCTION or SERVERS is null, DATA is null with a
+ * length above 0, or memory is out. Does not block. An address that is not a live server of its name gets an
+ * error response of code -2 at once; an unknown function answers with -3. The first form passes each response
+ * to CALLBACK with CONTEXT (null: queued, as with the second). */
 ZEB_API zeb_rpcinvocation *zeb_rpcclient_invoke_wcallback(zeb_rpcclient *client, const char *function,
                                                           const zeb_laddrlist *servers, const void *data,
                                                           int32_t length, zeb_rpcclient_callback callback,

@@ -39,7 +39,6 @@ static void runtime_free(ezeb_runtime *rt) EZEB_NO_ANALYSIS
     ezeb_free(rt->home);
     ezeb_mutex_destroy(&rt->regmutex);
     ezeb_cond_destroy(&rt->answercond);
-    ezeb_mutex_destroy(&rt->streammutex);
     ezeb_mutex_destroy(&rt->namemutex);
     ezeb_mutex_destroy(&rt->forkmutex);
     ezeb_cond_destroy(&rt->forkcond);
@@ -238,7 +237,6 @@ static ezeb_runtime *runtime_create(const char *home, uint16_t port, int32_t pid
     pthread_sigmask(SIG_SETMASK, nullptr, &rt->callersmask);
     ezeb_mutex_init(&rt->regmutex);
     ezeb_cond_init(&rt->answercond);
-    ezeb_mutex_init(&rt->streammutex);
     ezeb_mutex_init(&rt->namemutex);
     ezeb_mutex_init(&rt->forkmutex);
     ezeb_cond_init(&rt->forkcond);
@@ -421,7 +419,6 @@ static void atfork_prepare(void) EZEB_NO_ANALYSIS
         ezeb_mutex_unlock(&rt->forkmutex);
         ezeb_mutex_lock(&rt->regmutex);
         ezeb_mutex_lock(&rt->send.queue->lock);
-        ezeb_mutex_lock(&rt->streammutex);
     }
     ezeb_mutex_lock(&ezebctxmutex);
 }
@@ -431,7 +428,6 @@ static void atfork_parent(void) EZEB_NO_ANALYSIS
     ezeb_runtime *rt = ezebglobalctx;
     ezeb_mutex_unlock(&ezebctxmutex);
     if (rt != nullptr) {
-        ezeb_mutex_unlock(&rt->streammutex);
         ezeb_mutex_unlock(&rt->send.queue->lock);
         ezeb_mutex_unlock(&rt->regmutex);
         ezeb_mutex_lock(&rt->forkmutex);
@@ -450,7 +446,6 @@ static void runtime_fork_free(ezeb_runtime *rt) EZEB_NO_ANALYSIS
     ezeb_sendthread_fork_destroy(rt);
     ezeb_recvthread_fork_destroy(rt);
     ezeb_registry_fork_destroy(rt);
-    ezeb_streams_fork_forget(rt);
     ezeb_free(rt->hostpid);
     ezeb_free(rt->hostname);
     ezeb_free(rt->ffqualifier);

@@ -30,6 +30,16 @@ static constexpr char PROP_SERVER[] = "/ZEB/RPC/SVR";
 
 enum { CODE_NO_ERROR = -1, CODE_NOT_LIVE = -2, CODE_NO_FUNCTION = -3 };
 
+/* Closes SUB, which may be null, and gives its owner's reference back. A shutdown may have closed it before.
+ */
+static void close_held(zeb_subscriber *sub)
+{
+    if (sub == nullptr)
+        return;
+    ezeb_subscriber_close(sub);
+    ezeb_subscriber_unref(sub);
+}
+
 /* ==== Server ==== */
 
 static void server_unref(zeb_rpcserver *server)
@@ -85,7 +95,9 @@ int32_t ezeb_rpcserver_addfunc(zeb_rpcserver *server, const char *name, zeb_rpcs
     char *copy = ezeb_strdup(name);
     if (copy == nullptr)
         return -1;
-    server->functions[server->count++] = {copy, function};
+    server->functions[server->count] = {copy, function};
+    /* A call-back of the launch before may still be looking: it sees the entry whole, or not. */
+    __atomic_store_n(&server->count, server->count + 1, __ATOMIC_RELEASE);
     return 0;
 }
 
@@ -116,14 +128,14 @@ int32_t ezeb_rpcserver_launch(zeb_rpcserver *server)
         server->properties = ezeb_proplist_create();
     if (ezeb_proplist_put(server->properties, PROP_SERVER, server->name) == nullptr)
         return -1;
-    zeb_subscriber *sub =
-        ezeb_subscriber_create(nullptr, server->component, nullptr, server->properties, 0, nullptr, 1, -1);
+    zeb_subscriber *sub = ezeb_subscriber_create_held(nullptr, server->component, nullptr, server->properties,
+                                                      0, nullptr, 1, -1);
     if (sub == nullptr)
         return -1;
     ezeb_ref(&server->references);
     ezeb_subscriber_setowner(sub, release_server, server);
     if (ezeb_subscriber_registercallback(sub, serve, server, server->mode) != 0) {
-        ezeb_subscriber_close(sub);
+        close_held(sub);
         return -1;
     }
     server->subscriber = sub;
@@ -139,7 +151,7 @@ int32_t ezeb_rpcserver_shutdown(zeb_rpcserver *server)
     zeb_subscriber *sub = server->subscriber;
     server->subscriber = nullptr;
     ezeb_subscriber_cancelcallback(sub);
-    ezeb_subscriber_close(sub);
+    close_held(sub);
     return 0;
 }
 
@@ -157,7 +169,8 @@ void ezeb_rpcserver_destroy(zeb_rpcserver **server)
 
 static zeb_rpcserver_function find_function(const zeb_rpcserver *server, const char *name)
 {
-    for (int32_t i = 0; i < server->count; i++) {
+    const int32_t count = __atomic_load_n(&server->count, __ATOMIC_ACQUIRE);
+    for (int32_t i = 0; i < count; i++) {
         if (strcmp(server->functions[i].name, name) == 0)
             return server->functions[i].function;
     }
@@ -195,6 +208,8 @@ static int32_t serve(zeb_notification *n, void *context)
     }
     zeb_rpcserver_function function = find_function(server, request.name);
     request.publisher = ezeb_subscriber_refpublisher(n->holder);
+    if (request.publisher == nullptr)
+        return 0; /* the server was shut down just now: nobody could answer any more */
     if (function != nullptr) {
         call_function(function, &request, n);
     } else {
@@ -479,7 +494,7 @@ static void members_changed(zeb_rpcclient *client, const zeb_notification *n)
 
 static int32_t dispatch_to_client(zeb_notification *n, void *context);
 
-/* Makes SUB the client's subscriber, unless the client has ended. */
+/* Makes SUB the client's subscriber, with the reference, unless the client has ended. */
 static bool adopt(zeb_rpcclient *client, zeb_subscriber *sub)
 {
     const ezeb_locked hold(&client->lock);
@@ -498,20 +513,29 @@ static bool disown(zeb_rpcclient *client, const zeb_subscriber *sub)
     return true;
 }
 
-/* Makes SUB, which it takes, the client's own and has its notifications dispatched. */
+static void say_not_created(const char *why)
+{
+    ezeb_diag("RPC Client error: unable to create subscriber: %s\n", why != nullptr ? why : "reason unknown");
+}
+
+/* Makes SUB, which it takes with its reference, the client's own and has its notifications dispatched. */
 static int32_t attach(zeb_rpcclient *client, zeb_subscriber *sub)
 {
     ezeb_ref(&client->references);
     ezeb_subscriber_setowner(sub, release_client, client);
-    if (!adopt(client, sub)) {
-        ezeb_subscriber_close(sub);
-        return 0;
+    ezeb_ref(&sub->references); /* once it is the client's, a destroy may close it at any time */
+    bool attached = adopt(client, sub);
+    if (!attached) {
+        close_held(sub);
+    } else if (ezeb_subscriber_registercallback(sub, dispatch_to_client, client, 0) != 0) {
+        attached = false;
+        if (disown(client, sub)) {
+            say_not_created(nullptr);
+            close_held(sub);
+        }
     }
-    if (ezeb_subscriber_registercallback(sub, dispatch_to_client, client, 0) == 0)
-        return 1;
-    if (disown(client, sub))
-        ezeb_subscriber_close(sub);
-    return 0;
+    ezeb_subscriber_unref(sub);
+    return attached;
 }
 
 /* Creates the client's subscriber, which waits for the daemon, and makes it the client's own unless that has
@@ -519,19 +543,12 @@ static int32_t attach(zeb_rpcclient *client, zeb_subscriber *sub)
 static int32_t subscribe(zeb_rpcclient *client)
 {
     char *why = nullptr;
-    zeb_subscriber *sub =
-        ezeb_subscriber_create(nullptr, client->component, client->subscription, nullptr, 1, &why, 1, -1);
-    if (sub == nullptr) {
-        ezeb_diag("RPC Client error: unable to create subscriber: %s\n",
-                  why != nullptr ? why : "reason unknown");
-        ezeb_free(why);
-        return 0;
-    }
+    zeb_subscriber *sub = ezeb_subscriber_create_held(nullptr, client->component, client->subscription,
+                                                      nullptr, 1, &why, 1, -1);
+    if (sub == nullptr)
+        say_not_created(why);
     ezeb_free(why);
-    ezeb_ref(&sub->references); /* a destroy may close it at any time once it is the client's */
-    const int32_t attached = attach(client, sub);
-    ezeb_subscriber_unref(sub);
-    return attached;
+    return sub != nullptr && attach(client, sub);
 }
 
 /* ("/ZEB/RPC/SVR=a"), or (("/ZEB/RPC/SVR=a")|("/ZEB/RPC/SVR=b")) for more names than one. */
@@ -614,7 +631,7 @@ void ezeb_rpcclient_destroy(zeb_rpcclient **client)
         invocation_unref(invocation);
     }
     ezeb_mutex_unlock(&gone->lock);
-    ezeb_subscriber_close(sub);
+    close_held(sub);
     client_unref(gone);
 }
 
@@ -838,7 +855,7 @@ static void group_left(zeb_rpcclient *client)
         if (client->active == 0)
             return;
     }
-    ezeb_subscriber_close(old);
+    close_held(old);
     subscribe(client);
 }
 

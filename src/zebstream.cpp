@@ -202,13 +202,23 @@ int32_t ezeb_instream_read(zeb_instream *stream, void *buffer, int32_t length)
 {
     if (buffer == nullptr || length < 1 || stream == nullptr || stream->endOfStream != 0)
         return 0;
-    ezeb_ref(&stream->references); /* a shutdown may take the application's end away while this waits */
+    ezeb_ref(&stream->references); /* so that a close by mistake meanwhile does no harm */
     const int32_t copied = read_available(stream, static_cast<char *>(buffer), length);
     instream_unref(stream);
     return copied;
 }
 
-/* ---- Chains: a table's streams, and the loose ones, which have lost their table ---- */
+void ezeb_instream_close(zeb_instream **stream)
+{
+    if (stream == nullptr || *stream == nullptr)
+        return;
+    zeb_instream *gone = *stream;
+    *stream = nullptr;
+    ezeb_flag_set(&gone->closed, 1);
+    instream_unref(gone);
+}
+
+/* ---- The table ---- */
 
 static void chain_append(ezeb_streamchain *chain, zeb_instream *stream)
 {
@@ -228,69 +238,6 @@ static void chain_remove(ezeb_streamchain *chain, zeb_instream *stream)
     chain->count--;
 }
 
-/* The table gives its end of STREAM up. What the application has not closed is kept in sight, so that the
- * runtime's end can release it; without a runtime it is the application's alone. */
-static void let_loose(ezeb_runtime *rt, zeb_instream *stream)
-{
-    if (rt != nullptr) {
-        const ezeb_locked hold(&rt->streammutex);
-        if (ezeb_flag_get(&stream->closed) == 0) {
-            stream->loose = 1;
-            chain_append(&rt->loosestreams, stream);
-        }
-    }
-    instream_unref(stream);
-}
-
-static void close_end(ezeb_runtime *rt, zeb_instream *stream)
-{
-    const ezeb_locked hold(&rt->streammutex);
-    ezeb_flag_set(&stream->closed, 1);
-    if (stream->loose != 0)
-        chain_remove(&rt->loosestreams, stream);
-    stream->loose = 0;
-}
-
-void ezeb_instream_close(zeb_instream **stream)
-{
-    if (stream == nullptr || *stream == nullptr)
-        return;
-    zeb_instream *gone = *stream;
-    *stream = nullptr;
-    const ezeb_runtime_ref rt;
-    if (rt)
-        close_end(rt.get(), gone);
-    ezeb_flag_set(&gone->closed, 1);
-    instream_unref(gone);
-}
-
-void ezeb_streams_closeall(ezeb_runtime *rt)
-{
-    for (;;) {
-        zeb_instream *stream;
-        {
-            const ezeb_locked hold(&rt->streammutex);
-            stream = rt->loosestreams.head;
-            if (stream == nullptr)
-                return;
-            chain_remove(&rt->loosestreams, stream);
-            stream->loose = 0;
-            ezeb_flag_set(&stream->closed, 1);
-        }
-        ezeb_queue_start_shutdown(stream->chunks);
-        instream_unref(stream);
-    }
-}
-
-/* The chain goes with the runtime; a handle that the application closes in the child must not look for it. */
-void ezeb_streams_fork_forget(ezeb_runtime *rt) EZEB_NO_ANALYSIS
-{
-    for (zeb_instream *stream = rt->loosestreams.head; stream != nullptr; stream = stream->next)
-        stream->loose = 0;
-}
-
-/* ---- The table ---- */
-
 ezeb_streamtbl *ezeb_streamtbl_create(void)
 {
     return ezeb_new<ezeb_streamtbl>();
@@ -308,12 +255,11 @@ void ezeb_streamtbl_destroy(ezeb_streamtbl **table)
         return;
     ezeb_streamtbl *gone = *table;
     *table = nullptr;
-    const ezeb_runtime_ref rt;
     while (gone->chain.head != nullptr) {
         zeb_instream *stream = gone->chain.head;
         chain_remove(&gone->chain, stream);
         ezeb_queue_start_shutdown(stream->chunks);
-        let_loose(rt.get(), stream);
+        instream_unref(stream);
     }
     ezeb_free(gone);
 }
@@ -347,7 +293,7 @@ int32_t ezeb_notification_isEndOfStream(const zeb_notification *n)
 /* The end mark is fed before the table lets go of the stream: the application may close its end at any time,
  * and then the table's is the last. A stream that begins with its end mark stays in the table until the
  * subscriber is closed. */
-zeb_notification *ezeb_streamtbl_take(ezeb_runtime *rt, ezeb_streamtbl *table, zeb_notification *n)
+zeb_notification *ezeb_streamtbl_take(ezeb_streamtbl *table, zeb_notification *n)
 {
     zeb_instream *stream = find_stream(table, n->streamKey != nullptr ? n->streamKey : "");
     const bool first = stream == nullptr;
@@ -364,7 +310,7 @@ zeb_notification *ezeb_streamtbl_take(ezeb_runtime *rt, ezeb_streamtbl *table, z
     instream_feed(stream, data, length);
     if (last) {
         chain_remove(&table->chain, stream);
-        let_loose(rt, stream);
+        instream_unref(stream);
     }
     if (first)
         return n;

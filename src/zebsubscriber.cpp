@@ -244,9 +244,10 @@ static bool await_answer(zeb_subscriber *sub, int64_t timeout, char **text)
     return answered && sub->result != 0;
 }
 
-zeb_subscriber *ezeb_subscriber_create(const char *subscription, const char *component,
-                                       const char *membershipInterest, const zeb_proplist *properties,
-                                       int32_t deltas, char **statusMessageOut, int32_t wait, int64_t timeout)
+zeb_subscriber *ezeb_subscriber_create_held(const char *subscription, const char *component,
+                                            const char *membershipInterest, const zeb_proplist *properties,
+                                            int32_t deltas, char **statusMessageOut, int32_t wait,
+                                            int64_t timeout)
 {
     if (statusMessageOut != nullptr)
         *statusMessageOut = nullptr;
@@ -257,27 +258,39 @@ zeb_subscriber *ezeb_subscriber_create(const char *subscription, const char *com
     if (sub == nullptr)
         return nullptr;
     sub->deltas = deltas;
-    ezeb_ref(&sub->references); /* this creation's; the first is the handle's, which a shutdown may take back
-                                   meanwhile */
+    ezeb_ref(
+        &sub->references); /* this creation's; the first is the handle's, which a shutdown may take back */
     char *text = nullptr;
     const bool entered = enter(rt.get(), sub, wait);
     const bool created = entered && (wait == 0 || await_answer(sub, timeout, &text));
-    if (entered && !created)
-        ezeb_deregister_subscriber(rt.get(), sub, false); /* refused or timed out: no unsubscribe follows */
-    if (!created)
-        ezeb_subscriber_closenodereg(sub);
-    ezeb_subscriber_unref(sub);
     if (statusMessageOut != nullptr)
         *statusMessageOut = text;
     else
         ezeb_free(text);
-    return created ? sub : nullptr;
+    if (created)
+        return sub;
+    if (entered)
+        ezeb_deregister_subscriber(rt.get(), sub, false); /* refused or timed out: no unsubscribe follows */
+    ezeb_subscriber_closenodereg(sub);
+    ezeb_subscriber_unref(sub);
+    return nullptr;
+}
+
+zeb_subscriber *ezeb_subscriber_create(const char *subscription, const char *component,
+                                       const char *membershipInterest, const zeb_proplist *properties,
+                                       int32_t deltas, char **statusMessageOut, int32_t wait, int64_t timeout)
+{
+    zeb_subscriber *sub = ezeb_subscriber_create_held(subscription, component, membershipInterest, properties,
+                                                      deltas, statusMessageOut, wait, timeout);
+    if (sub != nullptr)
+        ezeb_subscriber_unref(sub);
+    return sub;
 }
 
 int32_t ezeb_subscriber_isbeingcreated(zeb_subscriber *sub)
 {
     const ezeb_locked hold(&sub->lock);
-    return sub->creatorWaiting != 0 && sub->registration != EZEB_SETTLED;
+    return sub->creatorWaiting != 0 && sub->registration == EZEB_PENDING;
 }
 
 void ezeb_subscriber_receivesubsreply(zeb_subscriber *sub, int32_t result, char *message)
@@ -356,8 +369,10 @@ void ezeb_subscriber_orphan(zeb_subscriber *sub)
     ezeb_mutex_lock(&sub->lock);
     ezeb_flag_set(&sub->orphaned, 1);
     ezeb_cond_broadcast(&sub->changed);
+    leave_lists_locked(sub);
     ezeb_mutex_unlock(&sub->lock);
     ezeb_queue_start_shutdown(sub->queue);
+    ezeb_streamtbl_shutdown(sub->streams);
 }
 
 /* What another thread was changing at the instant of the fork, which shows in its lock being held, is left
@@ -410,7 +425,7 @@ void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notifica
     if (n->cls == ZEB_CLASS_MEMBERSHIPLIST)
         keep_memberlist(sub, n);
     if (n->cls == ZEB_CLASS_INCOMINGSTREAM)
-        n = ezeb_streamtbl_take(rt, sub->streams, n);
+        n = ezeb_streamtbl_take(sub->streams, n);
     if (n == nullptr)
         return; /* a later piece of a stream */
     if (!starts_own_thread(rt, sub, n) && !ezeb_queue_enqueue(sub->queue, n))
@@ -543,9 +558,13 @@ static zeb_subscriber_callback current_callback(const dispatch *d, zeb_notificat
             release_hold_locked(sub, n);
         }
     }
-    if (callback == nullptr && !ezeb_queue_push(sub->queue, n))
+    if (callback != nullptr)
+        return callback;
+    if (ezeb_queue_push(sub->queue, n))
+        signal_list(sub);
+    else
         ezeb_notification_destroy(n);
-    return callback;
+    return nullptr;
 }
 
 static void *dispatcher_body(void *opaque)
@@ -799,9 +818,16 @@ zeb_subscriberlist *ezeb_subscriberlist_create(void)
     auto *list = ezeb_new<zeb_subscriberlist>();
     if (list == nullptr)
         return nullptr;
+    list->forkgeneration = ezeb_fork_generation();
     ezeb_mutex_init(&list->lock);
     ezeb_cond_init(&list->readyCond);
     return list;
+}
+
+/* In a forked child every list is dead: its lock may be held by a thread that does not exist there. */
+static bool is_usable(const zeb_subscriberlist *list)
+{
+    return list != nullptr && list->forkgeneration == ezeb_fork_generation();
 }
 
 static void free_list(zeb_subscriberlist *list)
@@ -897,7 +923,7 @@ static bool join(zeb_subscriberlist *list, ezeb_listcell *cell)
 
 void ezeb_subscriberlist_add(zeb_subscriberlist *list, zeb_subscriber *sub)
 {
-    if (list == nullptr || sub == nullptr)
+    if (!is_usable(list) || sub == nullptr)
         return;
     auto *cell = ezeb_new<ezeb_listcell>();
     if (cell == nullptr)
@@ -922,6 +948,8 @@ void ezeb_subscriberlist_destroy(zeb_subscriberlist **list)
         return;
     zeb_subscriberlist *gone = *list;
     *list = nullptr;
+    if (!is_usable(gone))
+        return;
     ezeb_mutex_lock(&gone->lock);
     gone->destroyed = 1;
     const bool empty = gone->count == 0;
@@ -954,7 +982,7 @@ static void wait_ready_locked(zeb_subscriberlist *list, int32_t timeout) EZEB_RE
 
 zeb_subscriber *ezeb_subscriber_multirecv(zeb_subscriberlist *list, int32_t wait, int32_t timeout)
 {
-    if (list == nullptr)
+    if (!is_usable(list))
         return nullptr;
     const ezeb_locked hold(&list->lock);
     zeb_subscriber *found = list->ready;

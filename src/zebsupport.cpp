@@ -273,7 +273,6 @@ void ezeb_registry_closeall(ezeb_runtime *rt)
     int32_t slot = 0;
     while (zeb_publisher *pub = take_publisher(rt, &slot))
         ezeb_publisher_unref(pub);
-    ezeb_streams_closeall(rt);
 }
 
 void ezeb_registry_fork_destroy(ezeb_runtime *rt) EZEB_NO_ANALYSIS

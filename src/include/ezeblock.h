@@ -7,12 +7,12 @@
  *   3. runtime regmutex             the tables of subscribers and publishers; held while delivering
  *   4. subscriber lock              one per subscriber
  *   5. queue lock, list lock        never two at once
- *   6. leaves: recv.mutex (connection), send.sbmutex (the send buffer's pointer), streammutex (streams
- * without a table), namemutex (instance name), ezebctxmutex (runtime pointer)
+ *   6. leaves: recv.mutex (connection), send.sbmutex (the send buffer's pointer), namemutex (instance name),
+ *      ezebctxmutex (runtime pointer)
  *
  * No lock of ours is held while an application's call-back runs, except the remote-call client's. Nothing
  * that blocks (read, write, connect, close, getaddrinfo, join, sleep, printing) happens under 3 to 6. A fork
- * takes 2, 3, the send queue's lock, streammutex and ezebctxmutex, in that order.
+ * takes 2, 3, the send queue's lock and ezebctxmutex, in that order.
  *
  * Mutexes stand inside heap records, so a forked child releases them with their record, without destroying
  * them: their state there is unknown, and destroying a condition that a vanished thread waits on never

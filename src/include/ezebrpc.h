@@ -23,7 +23,7 @@ struct zeb_rpcserver {
     int32_t count;
     char *name;
     char *component;
-    zeb_subscriber *subscriber; /* while running */
+    zeb_subscriber *subscriber; /* referenced; while running */
     zeb_proplist *properties;   /* of its address; or null */
     ezeb_rpcfunction functions[EZEB_RPC_SLOTS];
 };
@@ -55,9 +55,8 @@ struct zeb_rpcclient {
     ezeb_mutex lock;   /* guards everything below and the pending servers of the invocations; held while
                           call-backs run */
     ezeb_cond changed; /* the members changed, or the client ends */
-    ezeb_rpcentry *entries EZEB_GUARDED_BY(lock); /* null once it ends */
-    zeb_subscriber *
-        subscriber EZEB_GUARDED_BY(lock); /* null while it is created anew, and when that failed */
+    ezeb_rpcentry *entries EZEB_GUARDED_BY(lock);
+    zeb_subscriber *subscriber EZEB_GUARDED_BY(lock); /* referenced; null while created anew */
     uint32_t counter EZEB_GUARDED_BY(lock);
     int32_t active EZEB_GUARDED_BY(lock);
     zeb_rpcinvocation *first EZEB_GUARDED_BY(lock); /* invocations with servers that owe a final response */

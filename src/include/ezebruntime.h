@@ -10,7 +10,6 @@
 #include "ezebrecvthread.h"
 #include "ezebregistry.h"
 #include "ezebsendthread.h"
-#include "ezebstream.h"
 #include "ezebthread.h"
 
 #include "zeb.h"
@@ -57,10 +56,6 @@ struct ezeb_runtime {
     uint32_t answered EZEB_GUARDED_BY(regmutex); /* bit 0: a handshake reply was read */
     int32_t answerwaiters EZEB_GUARDED_BY(regmutex);
     ezeb_cond answercond;
-
-    ezeb_mutex streammutex;
-    ezeb_streamchain
-        loosestreams EZEB_GUARDED_BY(streammutex); /* have lost their table, not closed by the application */
 
     ezeb_mutex namemutex;
     ezeb_sharedtext *instancename EZEB_GUARDED_BY(namemutex); /* null until the daemon has told */

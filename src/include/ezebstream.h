@@ -6,8 +6,6 @@
 
 #include "zeb.h"
 
-struct ezeb_runtime;
-
 /* One thread at a time; the application's until it is closed. */
 struct zeb_outstream {
     zeb_notification *head; /* class-3 head, owned */
@@ -34,11 +32,8 @@ struct zeb_instream {
     int32_t offset;
     int32_t endOfStream;
 
-    /* In one chain at a time: the table's, guarded by the registry lock, or that of the loose, guarded by
-     * streammutex. */
-    zeb_instream *next;
+    zeb_instream *next; /* in the table, guarded as that is */
     zeb_instream *prev;
-    int32_t loose; /* guarded by streammutex */
 };
 
 struct ezeb_streamchain {
@@ -66,21 +61,14 @@ int32_t ezeb_instream_read(zeb_instream *stream, void *buffer, int32_t length);
 
 ezeb_streamtbl *ezeb_streamtbl_create(void);
 
-/* Ends the streams that no end mark has reached: readers get what there is. Those the application holds are
- * its to close. */
+/* Ends the streams that no end mark has reached. Those the application holds are its to close. */
 void ezeb_streamtbl_destroy(ezeb_streamtbl **table);
 
 /* Caller holds regmutex. Feeds the class-4 piece N to its stream. Returns N when it is the first of its
  * stream and goes on to the application; null when it was taken. */
-zeb_notification *ezeb_streamtbl_take(ezeb_runtime *rt, ezeb_streamtbl *table, zeb_notification *n);
+zeb_notification *ezeb_streamtbl_take(ezeb_streamtbl *table, zeb_notification *n);
 
-/* Wakes every reader of TABLE for good. */
+/* Wakes every reader of TABLE for good: nothing more is read. */
 void ezeb_streamtbl_shutdown(ezeb_streamtbl *table);
-
-/* Releases the streams that have lost their table and were never closed. */
-void ezeb_streams_closeall(ezeb_runtime *rt);
-
-/* In a forked child, where the chain of the loose streams goes with the runtime. */
-void ezeb_streams_fork_forget(ezeb_runtime *rt);
 
 #endif

@@ -94,7 +94,8 @@ struct ezeb_listcell {
 
 /* A subscriber list does not own its members. Destroyed with members in it, it goes with the last of them. */
 struct zeb_subscriberlist {
-    ezeb_mutex lock; /* guards everything below */
+    uint32_t forkgeneration; /* constant: of the process that made it */
+    ezeb_mutex lock;         /* guards everything below */
     ezeb_cond readyCond;
     ezeb_listcell *head EZEB_GUARDED_BY(lock);
     ezeb_listcell *tail EZEB_GUARDED_BY(lock);
@@ -109,6 +110,13 @@ zeb_subscriber *ezeb_subscriber_create(const char *subscription, const char *com
                                        const char *membershipInterest, const zeb_proplist *properties,
                                        int32_t deltas, char **statusMessageOut, int32_t wait,
                                        int64_t timeout);
+
+/* The same with a reference for the caller besides the handle, so that a shutdown, which takes the handle's
+ * back, does not release the record under it. */
+zeb_subscriber *ezeb_subscriber_create_held(const char *subscription, const char *component,
+                                            const char *membershipInterest, const zeb_proplist *properties,
+                                            int32_t deltas, char **statusMessageOut, int32_t wait,
+                                            int64_t timeout);
 void ezeb_subscriber_close(zeb_subscriber *sub);
 int32_t ezeb_subscriber_status(zeb_subscriber *sub, char **statusMessageOut);
 zeb_notification *ezeb_subscriber_receive(zeb_subscriber *sub, int32_t wait, int32_t timeout);
