@@ -1,5 +1,5 @@
 /* The tables of subscribers and publishers: in a runtime without threads, and in a real one whose daemon is
- * away. */
+ * away and whose receive thread rests in its pause between two attempts, so that it asks for no memory. */
 #include "ezebnotification.h"
 #include "ezebpublisher.h"
 #include "ezebruntime.h"
@@ -11,6 +11,52 @@
 #include <netinet/in.h>
 #include <thread>
 #include <vector>
+
+namespace
+{
+
+/* The pause of the receive thread: from its beginning until the test ends it. */
+class pause_of_receive_thread
+{
+  public:
+    void stay()
+    {
+        const ezeb_locked hold(&lock);
+        resting = true;
+        ezeb_cond_broadcast(&changed);
+        while (!over)
+            ezeb_cond_wait(&changed, &lock);
+    }
+    void awaitBegin()
+    {
+        const ezeb_locked hold(&lock);
+        while (!resting)
+            ezeb_cond_wait(&changed, &lock);
+    }
+    void end()
+    {
+        const ezeb_locked hold(&lock);
+        over = true;
+        ezeb_cond_broadcast(&changed);
+    }
+
+  private:
+    ezeb_mutex lock = EZEB_MUTEX_INITIALIZER;
+    ezeb_cond changed = EZEB_COND_INITIALIZER;
+    bool resting = false;
+    bool over = false;
+};
+
+pause_of_receive_thread receivePause;
+
+} // namespace
+
+/* Takes the place of the C library's. */
+extern "C" unsigned int sleep(unsigned int)
+{
+    receivePause.stay();
+    return 0;
+}
 
 namespace
 {
@@ -32,7 +78,6 @@ struct Registry : testing::Test {
     Registry()
     {
         ezeb_mutex_init(&rt->regmutex);
-        ezeb_mutex_init(&rt->streammutex);
         EXPECT_TRUE(ezeb_sendthread_prepare(&rt->send));
         EXPECT_TRUE(ezeb_registry_prepare(rt.get()));
     }
@@ -42,7 +87,6 @@ struct Registry : testing::Test {
         ezeb_registry_discard(rt.get());
         ezeb_sendthread_discard(&rt->send);
         ezeb_mutex_destroy(&rt->regmutex);
-        ezeb_mutex_destroy(&rt->streammutex);
     }
 
     /* A complete subscriber for the identifier ID, not in its slot yet. */
@@ -507,9 +551,11 @@ struct RegistryRuntime : testing::Test {
     {
         setenv("TAMBEK_HOME", "/nonexistent", 1);
         EXPECT_EQ(zeb_init_with_port(port.number()), 0);
+        receivePause.awaitBegin();
     }
     ~RegistryRuntime() override
     {
+        receivePause.end();
         zeb_shutdown_nowait();
     }
 
@@ -636,6 +682,7 @@ TEST_F(RegistryRuntime, ShutdownReleasesWhatIsStillOpen)
         ASSERT_NE(subscribe(), nullptr);
         ASSERT_NE(ezeb_publisher_create("c", 0, 0, 0), nullptr);
     }
+    receivePause.end();
     EXPECT_EQ(zeb_shutdown(), 0);
 }
 
