@@ -45,13 +45,18 @@ zeb_publisher *ezeb_publisher_create(const char *component, int32_t subscriberId
         return nullptr;
     if (waitForConnection != 0) /* the outcome does not matter: what is published meanwhile is kept */
         ezeb_connection_unref(ezeb_recvthread_getsocket(rt.get(), waitMilliseconds, 0));
-    publisher->id = ezeb_register_publisher(rt.get(), publisher);
-    if (publisher->id < 0) {
+    ezeb_ref(&publisher->references); /* this creation's: a shutdown may take the handle's back at once */
+    const int32_t id = ezeb_register_publisher(rt.get(), publisher);
+    if (id < 0) {
         free_publisher(publisher);
         return nullptr;
     }
-    ezeb_int2str(ezeb_addstr(publisher->idPrefix, rt->hostpid), publisher->id);
-    return publisher;
+    publisher->id = id;
+    ezeb_int2str(ezeb_addstr(publisher->idPrefix, rt->hostpid), id);
+    if (!ezeb_unref(&publisher->references))
+        return publisher;
+    free_publisher(publisher); /* it ended with the runtime */
+    return nullptr;
 }
 
 /* The identifier is prefix and sequence number with nothing between them; the sequence prints as a signed

@@ -1,6 +1,7 @@
 /* The end of the runtime, in whatever state it is. */
 #include "conversation.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <sys/wait.h>
 #include <thread>
@@ -269,6 +270,44 @@ TEST_P(ending, afterwards_nothing_is_taken_any_more)
     zeb_publisher_publish(publisher, n);
     p.expect(published("c", "/t", "01"));
     zeb_publisher_close(publisher);
+}
+
+TEST_P(ending, calls_of_other_threads_may_run_into_it)
+{
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        while (!stop)
+            zeb_subscriber_create_async("/t", "c", nullptr,
+                                        nullptr); /* released by the shutdown, as the others */
+    });
+    threads.emplace_back([&] {
+        while (!stop)
+            zeb_subscriber_create("/t", "c", "/group", nullptr, nullptr);
+    });
+    threads.emplace_back([&] {
+        while (!stop)
+            zeb_publisher_create("c");
+    });
+    threads.emplace_back([&] {
+        while (!stop) {
+            char *name = nullptr;
+            zeb_get_instancename(&name);
+            free(name);
+        }
+    });
+    for (int i = 0; i < 15; i++) {
+        ASSERT_EQ(zeb_init(), 0);
+        peer p = daemon.accept_connected(home.path());
+        for (int k = 0; k < 5; k++)
+            p.read_head();
+        background shutdown([this] { return shut(); });
+        p.expect_end();
+        EXPECT_EQ(shutdown.get(), 0);
+    }
+    stop = true;
+    for (std::thread &t : threads)
+        t.join();
 }
 
 /* ---- Draining ---- */
