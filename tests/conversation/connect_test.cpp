@@ -304,7 +304,7 @@ TEST_F(connecting, handshake_pauses_begin_anew_after_a_success)
     daemon.accept_connected(home.path());
     for (int i = 0; i < 3; i++)
         daemon.accept().send("\r\n");
-    daemon.accept();
+    peer last = daemon.accept();
     EXPECT_EQ(interposed::sleeps(), (std::vector<unsigned>{1, 2, 1, 2}));
 }
 
@@ -343,7 +343,7 @@ TEST_F(connecting, pauses_are_real_seconds)
     interposed::fail_sockets(0, 1, EMFILE);
     const stopwatch watch;
     ASSERT_EQ(zeb_init(), 0);
-    daemon.accept_connected(home.path());
+    peer p = daemon.accept_connected(home.path());
     EXPECT_GE(watch.elapsed(), milliseconds{1000});
     EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{1});
 }
@@ -352,7 +352,7 @@ TEST_F(connecting, a_socket_that_cannot_be_had_ends_the_pass)
 {
     interposed::fail_sockets(0, 1, EMFILE);
     ASSERT_EQ(zeb_init(), 0);
-    daemon.accept_connected(home.path());
+    peer p = daemon.accept_connected(home.path());
     EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{1});
 }
 
@@ -360,7 +360,7 @@ TEST_F(connecting, an_interrupted_socket_call_is_repeated_without_a_pause)
 {
     interposed::fail_sockets(0, 3, EINTR);
     ASSERT_EQ(zeb_init(), 0);
-    daemon.accept_connected(home.path());
+    peer p = daemon.accept_connected(home.path());
     EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{});
     EXPECT_GE(interposed::socket_calls(), 4);
 }
@@ -403,6 +403,87 @@ TEST_F(connecting, a_connection_to_itself_counts_as_failed)
     ASSERT_EQ(zeb_init_with_port(port), 0);
     /* Had it been taken for the daemon, the handshake would have failed and been repeated without a pause. */
     EXPECT_EQ(sleeps_once_there_are(3), ones(3, {}));
+}
+
+/* ---- Where ---- */
+
+TEST_F(connecting, localhost_is_looked_up_once_for_all_connections)
+{
+    ASSERT_EQ(zeb_init(), 0);
+    for (int i = 0; i < 5; i++)
+        daemon.accept_connected(home.path());
+    EXPECT_EQ(interposed::lookups(), 1);
+    EXPECT_EQ(interposed::last_lookup(), "localhost:" + std::to_string(daemon.port()));
+}
+
+TEST_F(connecting, an_address_that_refuses_is_passed_over_without_a_pause)
+{
+    interposed::resolve_to({"127.0.0.2", "127.0.0.3", "127.0.0.1"});
+    interposed::count_sockets();
+    ASSERT_EQ(zeb_init(), 0);
+    peer first = daemon.accept_connected(home.path());
+    EXPECT_EQ(interposed::socket_calls(), 3);
+    first.close();
+    peer p = daemon.accept_connected(home.path()); /* and each time anew, from the first */
+    EXPECT_EQ(interposed::socket_calls(), 6);
+    EXPECT_EQ(sent_before_mark(p), "");
+    EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{});
+}
+
+TEST_F(connecting, a_pass_over_several_addresses_pauses_once)
+{
+    daemon.refuse();
+    interposed::resolve_to({"127.0.0.2", "127.0.0.1", "127.0.0.3"});
+    interposed::count_sockets();
+    ASSERT_EQ(zeb_init(), 0);
+    ASSERT_TRUE(eventually([] { return interposed::sleeps().size() >= 3; }));
+    zeb_shutdown();
+    const size_t passes = interposed::sleeps().size(); /* the shutdown may have ended the last one early */
+    EXPECT_LE(static_cast<size_t>(interposed::socket_calls()), 3 * passes);
+    EXPECT_GE(static_cast<size_t>(interposed::socket_calls()), 3 * (passes - 1));
+}
+
+TEST_F(connecting, a_socket_that_cannot_be_had_keeps_later_addresses_from_being_tried)
+{
+    interposed::resolve_to({"127.0.0.2", "127.0.0.1"});
+    interposed::fail_sockets(0, 2, EAFNOSUPPORT);
+    ASSERT_EQ(zeb_init(), 0);
+    peer p = daemon.accept_connected(home.path());
+    EXPECT_EQ(interposed::sleeps(), (std::vector<unsigned>{1, 1}));
+    EXPECT_EQ(interposed::socket_calls(), 4);
+}
+
+TEST_F(connecting, addresses_are_tried_in_the_order_of_the_resolver)
+{
+    if (!daemon.listen_only(AF_INET6))
+        GTEST_SKIP() << "no IPv6 loopback here";
+    daemon.listen_again();
+    for (const auto &[addresses, family] : std::initializer_list<std::pair<std::vector<std::string>, int>>{
+             {{"::1", "127.0.0.1"}, AF_INET6}, {{"127.0.0.1", "::1"}, AF_INET}}) {
+        interposed::resolve_to(addresses);
+        ASSERT_EQ(zeb_init(), 0);
+        peer p = daemon.accept_connected(home.path());
+        sockaddr_storage here{};
+        socklen_t length = sizeof(here);
+        ASSERT_EQ(getsockname(p.other_end(), reinterpret_cast<sockaddr *>(&here), &length), 0);
+        EXPECT_EQ(here.ss_family, family);
+        zeb_shutdown();
+    }
+}
+
+TEST_F(connecting, daemon_on_either_family_alone_is_found)
+{
+    for (const int family : {AF_INET, AF_INET6}) {
+        if (!daemon.listen_only(family))
+            GTEST_SKIP() << "no IPv6 loopback here";
+        interposed::resolve_to({"::1", "127.0.0.1"});
+        ASSERT_EQ(zeb_init(), 0);
+        peer p = daemon.accept_connected(home.path());
+        EXPECT_EQ(sent_before_mark(p), "");
+        zeb_shutdown();
+        p.expect_close();
+    }
+    EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{});
 }
 
 /* ---- The socket ---- */

@@ -428,7 +428,6 @@ TEST_F(runtime_death, lookup_failure_ends_the_process_with_255)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            set_variable("TAMBEK_ZEB_PROXY_PORT", "");
             interposed::fail_resolver(EAI_NONAME);
             zeb_init_with_port(4711);
             pause();
@@ -437,6 +436,18 @@ TEST_F(runtime_death, lookup_failure_ends_the_process_with_255)
         "^Unable to resolve address for localhost:4711\nZEB runtime exiting\nFatal error: eZEB: ezebapi: Aug "
         "15 2014 "
         "09:23:43\n");
+}
+
+TEST_F(runtime_death, lookup_that_finds_nothing_ends_the_process_as_well)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            interposed::resolve_to({});
+            zeb_init_with_port(4711);
+            pause();
+        },
+        testing::ExitedWithCode(255), "^Unable to resolve address for localhost:4711\nZEB runtime exiting\n");
 }
 
 TEST_F(runtime_death, shutdown_in_an_exit_handler_of_the_fatal_exit_returns)

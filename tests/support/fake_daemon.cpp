@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace zebtest
 {
@@ -96,6 +97,7 @@ fake_daemon::~fake_daemon()
 
 void fake_daemon::listen_again()
 {
+    refuse();
     for (int i = 0; i < families; i++) {
         if (reserved[i] == -1)
             continue;
@@ -103,6 +105,16 @@ void fake_daemon::listen_again()
         if (listening[i] == -1 || listen(listening[i], 64) != 0)
             throw std::runtime_error("cannot listen");
     }
+}
+
+bool fake_daemon::listen_only(int family)
+{
+    listen_again();
+    for (int i = 0; i < families; i++) {
+        if (familyOf[i] != family && listening[i] != -1)
+            ::close(std::exchange(listening[i], -1));
+    }
+    return listening[family == AF_INET ? 0 : 1] != -1;
 }
 
 void fake_daemon::refuse()

@@ -59,6 +59,10 @@ class fake_daemon
     void refuse();
     void listen_again();
 
+    /* Listens at one loopback address alone, FAMILY being AF_INET or AF_INET6. False when this host has none.
+     */
+    bool listen_only(int family);
+
   private:
     static constexpr int families = 2;
     bool reserve();

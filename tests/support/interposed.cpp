@@ -44,6 +44,9 @@ failing threads;
 size_t leastStack = 0;
 int resolverError = 0;
 std::string lookup;
+int lookupCount = 0;
+bool addressesGiven = false;
+std::vector<std::string> addressesToFind;
 failing sockets;
 uint16_t boundPort = 0;
 
@@ -123,13 +126,29 @@ extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attr, voi
 extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints, addrinfo **found)
 {
     static auto *const resolve = real<decltype(getaddrinfo)>("getaddrinfo");
+    bool given = false;
+    std::vector<std::string> addresses;
     {
         const std::lock_guard hold(lock);
+        lookupCount++;
         lookup = std::string(node != nullptr ? node : "") + ":" + (service != nullptr ? service : "");
         if (resolverError != 0)
             return resolverError;
+        given = addressesGiven;
+        addresses = addressesToFind;
     }
-    return resolve(node, service, hints, found);
+    if (!given)
+        return resolve(node, service, hints, found);
+    *found = nullptr;
+    addrinfo **end = found;
+    for (const std::string &address : addresses) {
+        const int failed = resolve(address.c_str(), service, hints, end);
+        if (failed != 0)
+            return failed;
+        while (*end != nullptr)
+            end = &(*end)->ai_next; /* the C library releases its records one by one, so they may be joined */
+    }
+    return 0;
 }
 
 extern "C" int socket(int family, int type, int protocol) noexcept
@@ -164,6 +183,8 @@ void reset()
     leastStack = 0;
     resolverError = 0;
     lookup.clear();
+    lookupCount = 0;
+    addressesGiven = false;
     sockets = {};
     boundPort = 0;
 }
@@ -184,6 +205,19 @@ void forget_sleeps()
 {
     const std::lock_guard hold(lock);
     sleepsSoFar.clear();
+}
+
+void resolve_to(const std::vector<std::string> &addresses)
+{
+    const std::lock_guard hold(lock);
+    addressesGiven = true;
+    addressesToFind = addresses;
+}
+
+int lookups()
+{
+    const std::lock_guard hold(lock);
+    return lookupCount;
 }
 
 std::string last_lookup()
@@ -232,6 +266,11 @@ void fail_sockets(int pass, int count, int error)
 {
     const std::lock_guard hold(lock);
     sockets = {pass, count, error, 0};
+}
+
+void count_sockets()
+{
+    fail_sockets(0, 0, 0);
 }
 
 int socket_calls()

@@ -49,6 +49,11 @@ void refuse_stacks_below(size_t size);
 /* From now on it fails with ERROR (0: not any more). */
 void fail_resolver(int error);
 
+/* From now on it finds these numeric addresses, in this order; an empty list is found as one. */
+void resolve_to(const std::vector<std::string> &addresses);
+
+int lookups(); /* calls so far */
+
 /* Host and service of the last call, as "host:service"; empty without one. */
 std::string last_lookup();
 
@@ -60,6 +65,7 @@ void bind_sockets_to(uint16_t port);
 
 /* Lets the next PASS calls pass and fails COUNT after them (-1: all) with ERROR. */
 void fail_sockets(int pass, int count, int error);
-int socket_calls(); /* since the last fail_sockets */
+void count_sockets();
+int socket_calls(); /* since the last of either */
 
 } // namespace zebtest::interposed
