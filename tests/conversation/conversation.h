@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <thread>
 #include <unistd.h>
 
 namespace zebtest
@@ -106,6 +107,10 @@ class conversation : public testing::Test
     conversation()
     {
         interposed::shorten_sleeps(milliseconds{5});
+        if (threadSanitizer) { /* which starts a thread of its own with the first one of the program */
+            std::thread([] {}).join();
+            interposed::forget_threads();
+        }
         clean_environment();
         configure(home.path(), daemon.port());
     }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -38,6 +39,9 @@ pid_t in_child(const std::function<int()> &body)
         _exit(body());
     return pid;
 }
+
+constexpr std::string_view replyWithName =
+    "1\r\n2\r\nResult: success\r\n4\r\n5\r\n6\r\n7\r\n8\r\ninstanceName: inner\r\n\r\n";
 
 class forking : public conversation
 {
@@ -313,6 +317,58 @@ TEST_F(forking, many_forks_against_traffic_do_not_disturb_the_parent)
     reading.join();
     EXPECT_GT(events, 0U);
     expect_parent_undisturbed();
+}
+
+TEST_F(forking, a_child_made_behind_the_back_of_the_fork_handlers_starts_afresh)
+{
+    if (threadSanitizer || addressSanitizer)
+        GTEST_SKIP() << "the sanitizers do not know of such a child";
+    const int fd = p.other_end();
+    const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+    if (child == 0) {
+        if (zeb_init() != 0) /* the runtime that it sees belongs to another process: not -3 */
+            _exit(8);
+        char *name = nullptr;
+        zeb_get_instancename(&name);
+        if (name == nullptr || std::string(name) != "inner")
+            _exit(9);
+        zeb_shutdown();
+        _exit(7);
+    }
+    peer c = daemon.accept();
+    EXPECT_NE(c.read_head().find("Pid=" + std::to_string(child) + ";"), std::string::npos);
+    c.send(replyWithName);
+    c.expect_close();
+    EXPECT_EQ(end_of(child), 7);
+    EXPECT_EQ(p.other_end(), fd);
+    expect_parent_undisturbed();
+}
+
+class forking_early : public conversation
+{
+};
+
+TEST_F(forking_early, a_fork_during_the_first_start_leaves_a_child_that_can_start)
+{
+    if (threadSanitizer || addressSanitizer)
+        GTEST_SKIP() << "the sanitizers' own locks do not survive a fork while other threads allocate";
+    daemon.refuse();
+    for (int i = 0; i < 40; i++) {
+        const pid_t outer = in_child([] { /* so that each time is the first of its process */
+                                          std::atomic<bool> started{false};
+                                          std::thread starting([&] {
+                                              started = true;
+                                              zeb_init();
+                                          });
+                                          while (!started)
+                                              ;
+                                          const int inner =
+                                              end_of(in_child([] { return zeb_init() == 0 ? 7 : 8; }));
+                                          starting.join();
+                                          return inner;
+        });
+        ASSERT_EQ(end_of(outer), 7) << "try " << i;
+    }
 }
 
 /* A call-back in which the process forks: the child returns into the library, which ends its only thread and
