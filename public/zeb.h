@@ -45,10 +45,13 @@
  * as if its limit had passed.
  *
  * Configuration comes from the environment, read by zeb_init:
- *     TAMBEK_CONFIG_HOME, else TAMBEK_HOME   home directory, sent to the daemon at connect; one of them is
- * needed TAMBEK_ZEB_PROXY_PORT                  port of the daemon, 1 to 65535; needed
- *     TAMBEK_THREAD_STACKSIZE                stack of every library thread in bytes; 32768 unless at least
- * 16384 and from the file ezeb/conf/.formfactor under the home directory, whose bytes are sent at connect
+ * - TAMBEK_CONFIG_HOME, else TAMBEK_HOME: home directory, sent to the daemon at connect; one of them is
+ * needed.
+ * - TAMBEK_ZEB_PROXY_PORT: port of the daemon, 1 to 65535; needed.
+ * - TAMBEK_THREAD_STACKSIZE: stack of the service and call-back threads in bytes; 32768 unless at least
+ * 16384.
+ *
+ * The file ezeb/conf/.formfactor under the home directory, when there is one, is sent at connect as it is
  * ("abc" without it).
  */
 #ifndef ZEB_H
@@ -112,6 +115,7 @@ enum { ZEB_ALREADY_INITIALISED = -3 };
 enum { ZEB_SUBSCRIBED = 0, ZEB_SUBSCRIPTION_PENDING = 1, ZEB_SUBSCRIPTION_FAILED = 2 };
 
 /* ---- Runtime ----
+ *
  * Initialisations are counted: the runtime ends with the last matching shutdown. */
 
 /* Stores null in *TIERNAME: tiers have no names here. */
@@ -150,9 +154,9 @@ ZEB_API int32_t zeb_init_wtambekhome(const char *home);
 ZEB_API int32_t zeb_init_with_port(int32_t port);
 
 /* ---- Property lists ----
- * Names with
- * values in the order of insertion, each name once, compared byte for byte. The caller owns the list, the
- * list owns copies of all strings. Not locked: one thread at a time per list. Needs no runtime. */
+ *
+ * Names with values in the order of insertion, each name once, compared byte for byte. The caller owns the
+ * list, the list owns copies of all strings. Not locked: one thread at a time per list. Needs no runtime. */
 
 /* Number of entries; 0 for null. */
 ZEB_API int32_t zeb_proplist_count(const zeb_proplist *list);
@@ -175,10 +179,10 @@ ZEB_API void zeb_proplist_destroy(zeb_proplist **list);
 ZEB_API zeb_proplist *zeb_proplist_create(void);
 
 /* ---- Notifications ----
- * What is
- * published and received. Not locked: the application may use one until it publishes or relinquishes it, from
- * one thread at a time. There is no destroy: publishing hands a notification over for good, relinquishing
- * gives a received one back. One that was created and never published stays allocated. */
+ *
+ * What is published and received. Not locked: the application may use one until it publishes or relinquishes
+ * it, from one thread at a time. There is no destroy: publishing hands a notification over for good,
+ * relinquishing gives a received one back. One that was created and never published stays allocated. */
 
 /* Class, one of ZEB_CLASS_...; ZEB_CLASS_UNKNOWN for null. */
 ZEB_API uint32_t zeb_notification_getClass(const zeb_notification *n);
@@ -277,9 +281,10 @@ ZEB_API zeb_notification *zeb_notification_createstream(const char *type);
 ZEB_API zeb_notification *zeb_notification_create(const char *type, const void *body, int32_t bodyLength);
 
 /* ---- Streams ----
- * Bytes of any number sent as a row of notifications. The receiver gets the first as a notification and reads
- * the bytes of all from its input stream. Properties and destinations of the head go with every piece. One
- * thread at a time per end.
+ *
+ * Bytes of any number sent as a row of notifications. The receiver gets the first as a notification and
+ * reads the bytes of all from its input stream. Properties and destinations of the head go with every piece.
+ * One thread at a time per end.
  *
  *     zeb_notification *head = zeb_notification_createstream("/app/log");
  *     zeb_publisher_publish(publisher, head);
@@ -309,8 +314,8 @@ ZEB_API void zeb_instream_close(zeb_instream **stream);
 ZEB_API int32_t zeb_instream_read(zeb_instream *stream, void *buffer, int32_t length);
 
 /* ---- Publishers ----
- * A
- * publisher names the component on whose behalf notifications go out. Any number of threads may publish
+ *
+ * A publisher names the component on whose behalf notifications go out. Any number of threads may publish
  * through one at once. */
 
 /* Returns -1 and does nothing. */
@@ -337,8 +342,9 @@ ZEB_API void zeb_publisher_close(zeb_publisher *publisher);
 ZEB_API zeb_publisher *zeb_publisher_create(const char *component);
 
 /* ---- Subscribers ----
- * A standing
- * request for notifications. What arrives is queued until it is received, or handed to a call-back.
+ *
+ * A standing request for notifications. What arrives is queued until it is received, or handed to a
+ * call-back.
  *
  * The subscription text says which notifications, in the daemon's language: null for none but those addressed
  * to this subscriber, "" for all. The membership interest says which other subscribers it wants to know of;
@@ -449,6 +455,7 @@ ZEB_API zeb_subscriber *zeb_subscriber_create_wtimeout(const char *subscription,
                                                        char **statusMessageOut, int64_t timeout);
 
 /* ---- Subscriber lists ----
+ *
  * For one thread that waits on several subscribers. A list does not own its members; closing a subscriber
  * takes it out. */
 
@@ -464,9 +471,10 @@ ZEB_API void zeb_subscriberlist_add(zeb_subscriberlist *list, zeb_subscriber *su
 ZEB_API zeb_subscriberlist *zeb_subscriberlist_create(void);
 
 /* ---- Logical addresses and address lists ----
- * An address names one subscriber
- * anywhere. Addresses come from notifications and lists, which own them; only lists can be created, and hold
- * copies. Two addresses are the same when their keys, which only the daemon gives, are. Not locked. */
+ *
+ * An address names one subscriber anywhere. Addresses come from notifications and lists, which own them;
+ * only lists can be created, and hold copies. Two addresses are the same when their keys, which only the
+ * daemon gives, are. Not locked. */
 
 /* Appends a copy of ADDRESS, which may be an entry of LIST. Neither may be null. */
 ZEB_API void zeb_laddrlist_add(zeb_laddrlist *list, const zeb_logicaladdr *address);
@@ -513,8 +521,8 @@ ZEB_API const char *zeb_logicaladdr_getHostName(const zeb_logicaladdr *address);
 ZEB_API const char *zeb_logicaladdr_getComponent(const zeb_logicaladdr *address);
 
 /* ---- Body blocks ----
- * A
- * structured body: a tree of named segments, each with named elements (text or bytes) and sub-segments, in
+ *
+ * A structured body: a tree of named segments, each with named elements (text or bytes) and sub-segments, in
  * the order of insertion. Everything handed out belongs to the block and lives until it is destroyed; an
  * element until another of its name is added to its segment. Not locked. Needs no runtime.
  *
@@ -600,8 +608,9 @@ ZEB_API void zeb_bb_destroy(zeb_bb *block);
 ZEB_API zeb_bb *zeb_bb_create(void);
 
 /* ---- Remote call server ----
- * Offers functions under a server name. Configure it, launch it, shut it down, all from one thread; functions
- * run on call-back threads (see the head of this file for their stacks).
+ *
+ * Offers functions under a server name. Configure it, launch it, shut it down, all from one thread;
+ * functions run on call-back threads (see the head of this file for their stacks).
  *
  *     static int32_t echo(zeb_rpcrequest *request, const void *data, int32_t length)
  *     {
@@ -664,8 +673,9 @@ ZEB_API zeb_rpcserver *zeb_rpcserver_create(const char *name, const char *compon
 ZEB_API int32_t zeb_rpcrequest_senderror(zeb_rpcrequest *request, int32_t code, const char *message);
 
 /* ---- Remote call client ----
- * Calls functions of servers known by name. One call may go to several servers; each sends progress responses
- * and one final response. Any thread may use a client.
+ *
+ * Calls functions of servers known by name. One call may go to several servers; each sends progress
+ * responses and one final response. Any thread may use a client.
  *
  *     const char *names[] = {"echo-server"};
  *     zeb_rpcclient *client = zeb_rpcclient_create(names, 1, "demo");

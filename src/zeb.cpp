@@ -300,6 +300,9 @@ static int32_t init_locked(const char *home, uint16_t port, int32_t pid) EZEB_RE
         return -1;
     runtime_publish(rt);
     if (!start_threads(rt)) {
+        ezeb_recvthread_shutdown(
+            rt); /* other threads may have found the record and wait for its connection */
+        ezeb_registry_closeall(rt);
         runtime_publish(nullptr);
         runtime_unref(rt);
         return -1;
@@ -446,6 +449,7 @@ static void runtime_fork_free(ezeb_runtime *rt) EZEB_NO_ANALYSIS
     ezeb_sendthread_fork_destroy(rt);
     ezeb_recvthread_fork_destroy(rt);
     ezeb_registry_fork_destroy(rt);
+    ezeb_sharedtext_unref(rt->instancename);
     ezeb_free(rt->hostpid);
     ezeb_free(rt->hostname);
     ezeb_free(rt->ffqualifier);

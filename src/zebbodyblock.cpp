@@ -461,13 +461,20 @@ static unsigned char *put_segment(unsigned char *p, const zeb_bb_seg *segment, u
     return p;
 }
 
+uint64_t ezeb_bb_encodedsize(const zeb_bb *block)
+{
+    uint64_t size = sizeof(signature);
+    uint32_t depth = 0;
+    for (const zeb_bb_seg *s = block != nullptr ? block->segments.first : nullptr; s != nullptr;
+         s = next_in_tree(s, &depth))
+        size += segment_size(s);
+    return size;
+}
+
 void *ezeb_bb_block2body(const zeb_bb *block, int32_t *length)
 {
     const zeb_bb_seg *first = block != nullptr ? block->segments.first : nullptr;
-    uint64_t size = sizeof(signature);
-    uint32_t depth = 0;
-    for (const zeb_bb_seg *s = first; s != nullptr; s = next_in_tree(s, &depth))
-        size += segment_size(s);
+    const uint64_t size = ezeb_bb_encodedsize(block);
     if (size > INT32_MAX)
         return nullptr;
     auto *body = static_cast<unsigned char *>(ezeb_malloc(size));
@@ -476,7 +483,7 @@ void *ezeb_bb_block2body(const zeb_bb *block, int32_t *length)
     *length = static_cast<int32_t>(size);
     memcpy(body, signature, sizeof(signature));
     unsigned char *p = body + sizeof(signature);
-    depth = 0;
+    uint32_t depth = 0;
     for (const zeb_bb_seg *s = first; s != nullptr; s = next_in_tree(s, &depth))
         p = put_segment(p, s, depth);
     return body;
@@ -486,6 +493,7 @@ void *ezeb_bb_block2body(const zeb_bb *block, int32_t *length)
 struct bytes {
     const char *at;
     size_t left;
+    size_t unbounded; /* how many more bytes may be looked through, and copied, without being consumed */
 };
 
 static unsigned read_tag(bytes *in)
@@ -532,7 +540,9 @@ static zeb_bb_seg *read_segment(bytes *in)
 }
 
 /* A run of text in an element. A run of 0 stands for the greatest length: then the text ends at its NUL, if
- * there is one in what is left, and nothing is consumed. */
+ * there is one in what is left, and nothing is consumed. Many of these could copy the rest of the body over
+ * and over, so all of them together look through no more bytes than the body has; beyond that they are
+ * absent. */
 struct run_text {
     const char *text; /* null: absent */
     size_t length;
@@ -541,8 +551,10 @@ struct run_text {
 static run_text read_text(bytes *in, size_t run)
 {
     if (run == 0) {
-        const size_t length = strnlen(in->at, in->left);
-        return length < in->left ? run_text{in->at, length} : run_text{nullptr, 0};
+        const size_t span = in->left < in->unbounded ? in->left : in->unbounded;
+        const size_t length = strnlen(in->at, span);
+        in->unbounded -= length;
+        return length < span ? run_text{in->at, length} : run_text{nullptr, 0};
     }
     if (in->left < run)
         return {nullptr, 0};
@@ -618,8 +630,8 @@ zeb_bb *ezeb_bb_body2block(const void *body, int32_t length)
     zeb_bb *block = ezeb_bb_create();
     if (block == nullptr)
         return nullptr;
-    bytes in = {static_cast<const char *>(body) + sizeof(signature),
-                static_cast<size_t>(length) - sizeof(signature)};
+    const size_t records = static_cast<size_t>(length) - sizeof(signature);
+    bytes in = {static_cast<const char *>(body) + sizeof(signature), records, records};
     decode(&in, block);
     return block;
 }

@@ -316,6 +316,8 @@ void *ezeb_laddrlist_toBody(const zeb_laddrlist *list, int32_t *length)
         ok = add_address(ezeb_bb_appendsegment(block, name), &list->entries[i]);
     }
     void *body = ok ? ezeb_bb_block2body(block, length) : nullptr;
+    if (ok && ezeb_bb_encodedsize(block) > INT32_MAX)
+        *length = -1;
     ezeb_bb_destroy(block);
     return body;
 }
@@ -325,13 +327,14 @@ static char *take_text(const zeb_bb_seg *segment, const char *element)
     return const_cast<char *>(ezeb_bb_seg_getelement(segment, element, nullptr));
 }
 
+/* Names are unique within a segment, so nothing is searched: many properties stay cheap. */
 static zeb_proplist *read_properties(const zeb_bb_seg *segment)
 {
     if (segment == nullptr)
         return nullptr;
     zeb_proplist *list = ezeb_proplist_create();
     for (const zeb_bb_elem *e = segment->elements.first; list != nullptr && e != nullptr; e = e->next)
-        ezeb_proplist_put(list, e->name, e->value);
+        ezeb_proplist_append(list, e->name, e->value);
     return list;
 }
 

@@ -324,19 +324,22 @@ zeb_property *ezeb_notification_getAllProperties(const zeb_notification *n, int3
 int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component, const char *node,
                                       const char *process, const char *id, int32_t subscriberId)
 {
-    n->generatingComponent = keep(n, component);
     n->generatingNode = keep(n, node);
     n->generatingProcess = keep(n, process);
     n->id = keep(n, id);
     n->creationTime = -1;
     n->subscriberId = subscriberId;
+    if (n->id != nullptr)
+        n->generatingComponent = keep(n, component); /* last: it is what tells a stamped notification */
     return n->generatingComponent != nullptr && n->generatingNode != nullptr &&
            n->generatingProcess != nullptr && n->id != nullptr;
 }
 
 int32_t ezeb_notification_set_streampublisher(zeb_notification *n, zeb_publisher *publisher)
 {
-    n->streamKey = keep(n, n->id != nullptr ? n->id : "");
+    const char *key = n->id != nullptr ? n->id : "";
+    if (n->streamKey == nullptr || strcmp(n->streamKey, key) != 0)
+        n->streamKey = keep(n, key);
     if (n->streamKey == nullptr)
         return 0;
     ezeb_publisher_unref(n->streamPublisher);
@@ -426,6 +429,8 @@ int32_t ezeb_notification_write(ezeb_runtime *rt, const zeb_notification *n, eze
         return -1;
     int32_t length = 0;
     void *addresses = ezeb_laddrlist_toBody(n->destinationAddrs, &length);
+    if (length < 0)
+        return 1; /* no message can hold its addresses: it is dropped, not kept in front of all others */
     if (addresses == nullptr && ezeb_laddrlist_count(n->destinationAddrs) > 0)
         return 0; /* no memory; without its addresses the event would go to everybody */
     const int32_t result = write_event(rt, n, addresses, length, sb);

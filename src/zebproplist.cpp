@@ -56,6 +56,18 @@ static zeb_property *replace(zeb_property *entry, const char *value)
     return entry;
 }
 
+int32_t ezeb_proplist_append(zeb_proplist *list, const char *name, const char *value)
+{
+    const zeb_property fresh = {ezeb_strdup(name), ezeb_strdup(value)};
+    if (fresh.name == nullptr || fresh.value == nullptr || !make_room(list)) {
+        ezeb_free(fresh.name);
+        ezeb_free(fresh.value);
+        return 0;
+    }
+    list->entries[list->count++] = fresh;
+    return 1;
+}
+
 zeb_property *ezeb_proplist_put(zeb_proplist *list, const char *name, const char *value)
 {
     if (list == nullptr || name == nullptr || value == nullptr)
@@ -63,15 +75,7 @@ zeb_property *ezeb_proplist_put(zeb_proplist *list, const char *name, const char
     zeb_property *found = find(list, name);
     if (found != nullptr)
         return replace(found, value);
-    const zeb_property fresh = {ezeb_strdup(name), ezeb_strdup(value)};
-    if (fresh.name == nullptr || fresh.value == nullptr || !make_room(list)) {
-        ezeb_free(fresh.name);
-        ezeb_free(fresh.value);
-        return nullptr;
-    }
-    zeb_property *entry = &list->entries[list->count++];
-    *entry = fresh;
-    return entry;
+    return ezeb_proplist_append(list, name, value) ? &list->entries[list->count - 1] : nullptr;
 }
 
 void ezeb_proplist_destroy(zeb_proplist **list)

@@ -79,14 +79,14 @@ static bool stamp(ezeb_runtime *rt, zeb_publisher *publisher, zeb_notification *
 /* False when N stays the caller's. */
 static bool publish(zeb_publisher *publisher, zeb_notification *n)
 {
-    const ezeb_runtime_ref rt;
+    const ezeb_runtime_ref rt; /* first: it keeps what a shutdown releases meanwhile */
     if (!rt || publisher == nullptr || n == nullptr || publisher->idPrefix == nullptr)
         return false;
-    ezeb_subscriber_letgo(n); /* a received one belongs to its subscriber no more */
     const bool stamped = n->generatingComponent != nullptr || stamp(rt.get(), publisher, n);
     if (n->cls == ZEB_CLASS_OUTGOINGSTREAM)
         return stamped && ezeb_notification_set_streampublisher(n, publisher) !=
                               0; /* the head stays the application's */
+    ezeb_subscriber_letgo(n);    /* a received one belongs to its subscriber no more */
     if (stamped)
         ezeb_publish(rt.get(), n);
     else
@@ -118,17 +118,15 @@ void ezeb_publisher_unref(zeb_publisher *publisher)
         free_publisher(publisher);
 }
 
-/* A shutdown takes the application's publishers out of the table and releases them; whoever took one out
- * releases it. A subscriber's publisher is released by its subscriber alone. */
+/* A shutdown takes the application's publishers out of the table and releases them when the last call inside
+ * the runtime has left; whoever took one out releases it. A subscriber's publisher is released by its
+ * subscriber alone. */
 void ezeb_publisher_close(zeb_publisher *publisher)
 {
+    const ezeb_runtime_ref rt; /* first: it keeps what a shutdown releases meanwhile */
     if (publisher == nullptr || publisher->idPrefix == nullptr)
         return;
-    bool removed = false;
-    {
-        const ezeb_runtime_ref rt;
-        removed = rt && ezeb_deregister_publisher(rt.get(), publisher, publisher->id) != 0;
-    }
+    const bool removed = rt && ezeb_deregister_publisher(rt.get(), publisher, publisher->id) != 0;
     if (removed || publisher->subscriberId != 0)
         ezeb_publisher_unref(publisher);
 }

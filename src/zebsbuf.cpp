@@ -203,5 +203,6 @@ int32_t ezeb_sb_flush(ezeb_sb *sb)
     const uint32_t pending = sb->end;
     sb->start = 0;
     sb->end = 0;
+    sb->scanned = 0;
     return write_all(sb, sb->buf, pending);
 }

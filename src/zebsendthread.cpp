@@ -12,7 +12,6 @@
 #include "ezebsubscriber.h"
 #include "ezebutil.h"
 
-#include <time.h>
 #include <unistd.h>
 
 enum { ITEM_SUBSCRIPTION = 0, ITEM_NOTIFICATION = 1 };
@@ -127,13 +126,10 @@ void ezeb_sendthread_invalidatesocket(ezeb_runtime *rt)
  * the connection is cut then. */
 static void cut_when_stuck(ezebsendctx *send)
 {
-    timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += GRACE_SECONDS;
     const ezeb_locked hold(&send->sbmutex);
     bool waiting = true;
     while (send->finished == 0 && waiting)
-        waiting = ezeb_cond_waituntil(&send->left, &send->sbmutex, &deadline);
+        waiting = ezeb_cond_waitseconds(&send->left, &send->sbmutex, GRACE_SECONDS);
     if (send->finished == 0)
         ezeb_connection_cut(send->connection);
 }
@@ -156,6 +152,8 @@ void ezeb_sendthread_fork_destroy(ezeb_runtime *rt) EZEB_NO_ANALYSIS
     if (send->connection != nullptr && send->connection != rt->recv.connection)
         close(send->connection->fd); /* a lost one that the parent's send thread still held */
     send->connection = nullptr;
+    ezeb_sb_free(send->sb);
+    send->sb = nullptr;
     ezeb_queue_destroy(send->queue, free_item, 0);
     send->queue = nullptr;
 }
@@ -205,41 +203,55 @@ static int32_t write_item(const ezeb_senditem *item, ezeb_runtime *rt, ezeb_sb *
     return ezeb_notification_write(rt, static_cast<const zeb_notification *>(item->payload), sb) > 0;
 }
 
-/* After a failed write. Nothing of the item has left: the connection may be in order, so it is tried again
- * after a pause that grows. Some of it has: the connection is finished. The receive thread alone decides that
- * it is lost. */
-static void note_failure(send_progress *progress, ezeb_connection *connection, uint64_t handed)
+/* After a failed write, with HANDED bytes of the item gone to the kernel. None: the connection may be in
+ * order, so it is tried again after a pause that grows. Some: the connection is finished, which the receive
+ * thread, who alone decides that it is lost, notices by its end. */
+static void leave_connection(ezebsendctx *send, send_progress *progress, ezeb_sb *sb,
+                             ezeb_connection *connection, uint64_t handed)
 {
-    if (handed > 0) {
+    const bool stale = handed > 0 || !ezeb_connection_alive(connection);
+    if (stale)
         progress->after = connection->generation;
+    if (handed > 0)
         ezeb_connection_cut(connection);
+    drop_connection(send, sb, connection); /* before the pause: what is lost is not kept open for it */
+    if (stale)
         return;
-    }
     usleep(progress->retry_us);
     progress->retry_us *= 2;
     if (progress->retry_us > LAST_RETRY_US)
         progress->retry_us = LAST_RETRY_US;
 }
 
-static void send_next(ezeb_runtime *rt, ezeb_sb *sb, ezeb_connection *connection, send_progress *progress)
+/* True when ITEM was written. Otherwise the connection has been left. */
+static bool try_write(ezeb_runtime *rt, const ezeb_senditem *item, send_progress *progress) EZEB_NO_ANALYSIS
+{
+    ezeb_sb *sb = rt->send.sb;
+    const uint64_t before = sb->sent;
+    if (write_item(item, rt, sb)) {
+        progress->retry_us = FIRST_RETRY_US;
+        return true;
+    }
+    leave_connection(&rt->send, progress, sb, rt->send.connection, sb->sent - before);
+    return false;
+}
+
+/* Writes the next item, or puts it back in front. A queue that drains takes nothing back: then the item gets
+ * one more try on the connection that stands by now, if one does, and is lost otherwise, like everything
+ * queued from then on. */
+static void send_next(ezeb_runtime *rt, send_progress *progress)
 {
     void *element = ezeb_queue_dequeue(rt->send.queue, 1, 0);
     if (element == nullptr)
         return;
-    const uint64_t sent = sb->sent;
-    if (write_item(static_cast<ezeb_senditem *>(element), rt, sb)) {
-        progress->retry_us = FIRST_RETRY_US;
-        free_item(element);
-        return;
+    const auto *item = static_cast<ezeb_senditem *>(element);
+    if (!try_write(rt, item, progress)) {
+        if (ezeb_queue_push(rt->send.queue, element))
+            return;
+        if (take_connection(rt, progress))
+            try_write(rt, item, progress);
     }
-    if (!ezeb_queue_push(rt->send.queue, element))
-        free_item(element); /* the queue is draining or closed: like everything queued from then on, the item
-                               is lost */
-    const uint64_t handed = sb->sent - sent;
-    ezeb_connection *held = ezeb_connection_ref(connection);
-    drop_connection(&rt->send, sb, connection);
-    note_failure(progress, held, handed);
-    ezeb_connection_unref(held);
+    free_item(element);
 }
 
 static void rendezvous(ezeb_runtime *rt)
@@ -272,7 +284,7 @@ ezeb_sendthread(void *runtime) EZEB_NO_ANALYSIS /* reads its own buffer pointer,
     rendezvous(rt);
     while (ezeb_flag_get(&send->stop) == 0) {
         if (send->sb != nullptr || take_connection(rt, &progress)) {
-            send_next(rt, send->sb, send->connection, &progress);
+            send_next(rt, &progress);
         } else if (ezeb_flag_get(&send->shuttingdown) != 0) {
             /* No connection to wait for: what is queued is released unsent, so that a drain can finish. */
             void *element = ezeb_queue_dequeue(send->queue, 0, 0);

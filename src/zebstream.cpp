@@ -10,6 +10,7 @@
 #include "ezebnotification.h"
 #include "ezebpublisher.h"
 #include "ezebruntime.h"
+#include "ezebsubscriber.h"
 #include "ezebutil.h"
 
 #include <string.h>
@@ -104,6 +105,7 @@ void ezeb_outstream_close(zeb_outstream **stream)
     write_piece(gone->head, nullptr, 0);
     gone->closed = 1;
     gone->written = -1;
+    ezeb_subscriber_letgo(gone->head); /* a head can have been received, however odd */
     ezeb_notification_destroy(gone->head);
     ezeb_free(gone);
 }
@@ -135,6 +137,7 @@ static zeb_instream *instream_create(const char *key)
     if (stream == nullptr)
         return nullptr;
     stream->references = 1;
+    stream->forkgeneration = ezeb_fork_generation();
     stream->key = ezeb_strdup(key);
     stream->chunks = ezeb_queue_create();
     if (stream->key != nullptr && stream->chunks != nullptr)
@@ -200,7 +203,8 @@ static int32_t read_available(zeb_instream *stream, char *buffer, int32_t length
 
 int32_t ezeb_instream_read(zeb_instream *stream, void *buffer, int32_t length)
 {
-    if (buffer == nullptr || length < 1 || stream == nullptr || stream->endOfStream != 0)
+    if (buffer == nullptr || length < 1 || stream == nullptr || stream->endOfStream != 0 ||
+        stream->forkgeneration != ezeb_fork_generation())
         return 0;
     ezeb_ref(&stream->references); /* so that a close by mistake meanwhile does no harm */
     const int32_t copied = read_available(stream, static_cast<char *>(buffer), length);

@@ -354,13 +354,11 @@ void ezeb_subscriber_closenodereg(zeb_subscriber *sub)
 
 void ezeb_subscriber_close(zeb_subscriber *sub)
 {
+    const ezeb_runtime_ref rt; /* first: it keeps what a shutdown releases meanwhile */
     if (sub == nullptr || ezeb_flag_get(&sub->closing) != 0)
         return;
-    {
-        const ezeb_runtime_ref rt;
-        if (rt)
-            ezeb_deregister_subscriber(rt.get(), sub, true);
-    }
+    if (rt)
+        ezeb_deregister_subscriber(rt.get(), sub, true);
     ezeb_subscriber_closenodereg(sub);
 }
 

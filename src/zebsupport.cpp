@@ -55,6 +55,16 @@ int ezeb_registry_prepare(ezeb_runtime *rt) EZEB_NO_ANALYSIS
 
 void ezeb_registry_discard(ezeb_runtime *rt) EZEB_NO_ANALYSIS
 {
+    while (rt->retiredsubscribers != nullptr) {
+        zeb_subscriber *sub = rt->retiredsubscribers;
+        rt->retiredsubscribers = sub->liveNext;
+        ezeb_subscriber_unref(sub);
+    }
+    while (rt->retiredpublishers != nullptr) {
+        zeb_publisher *pub = rt->retiredpublishers;
+        rt->retiredpublishers = pub->nextRetired;
+        ezeb_publisher_unref(pub);
+    }
     ezeb_free(rt->subscribers.slots);
     ezeb_free(rt->publishers.slots);
 }
@@ -88,7 +98,10 @@ static bool is_in_slot_locked(const ezeb_runtime *rt, const zeb_subscriber *sub)
 
 static bool is_dropped_locked(const ezeb_runtime *rt, const zeb_subscriber *sub) EZEB_REQUIRES(rt->regmutex)
 {
-    return rt->droppedhead == sub || sub->livePrev != nullptr;
+    const zeb_subscriber *dropped = rt->droppedhead;
+    while (dropped != nullptr && dropped != sub)
+        dropped = dropped->liveNext;
+    return dropped != nullptr;
 }
 
 static void empty_slot_locked(ezeb_runtime *rt, zeb_subscriber *sub) EZEB_REQUIRES(rt->regmutex)
@@ -260,6 +273,20 @@ static zeb_publisher *take_publisher(ezeb_runtime *rt, int32_t *slot)
     return nullptr;
 }
 
+static void retire(ezeb_runtime *rt, zeb_subscriber *sub)
+{
+    const ezeb_locked hold(&rt->regmutex);
+    sub->liveNext = rt->retiredsubscribers;
+    rt->retiredsubscribers = sub;
+}
+
+static void retire(ezeb_runtime *rt, zeb_publisher *pub)
+{
+    const ezeb_locked hold(&rt->regmutex);
+    pub->nextRetired = rt->retiredpublishers;
+    rt->retiredpublishers = pub;
+}
+
 void ezeb_registry_closeall(ezeb_runtime *rt)
 {
     while (zeb_subscriber *sub = take_dropped(rt)) {
@@ -268,11 +295,11 @@ void ezeb_registry_closeall(ezeb_runtime *rt)
     }
     while (zeb_subscriber *sub = take_live(rt)) {
         ezeb_subscriber_closenodereg(sub);
-        ezeb_subscriber_unref(sub);
+        retire(rt, sub); /* with the reference: a close by the application may be on its way */
     }
     int32_t slot = 0;
     while (zeb_publisher *pub = take_publisher(rt, &slot))
-        ezeb_publisher_unref(pub);
+        retire(rt, pub);
 }
 
 void ezeb_registry_fork_destroy(ezeb_runtime *rt) EZEB_NO_ANALYSIS

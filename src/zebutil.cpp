@@ -280,7 +280,7 @@ struct ezeb_arena_block {
     size_t size; /* of the bytes that follow */
 };
 
-enum { ARENA_STEP = 1024 };
+enum { ARENA_STEP = 1024, ARENA_LARGEST_STEP = 65536 };
 
 void ezeb_arena_init(ezeb_arena *arena, void *firstblock, size_t size)
 {
@@ -294,6 +294,8 @@ static char *arena_take(ezeb_arena *arena, size_t size)
 {
     if (arena->left < size) {
         size_t room = arena->blocks != nullptr ? arena->blocks->size * 2 : static_cast<size_t>(ARENA_STEP);
+        if (room > ARENA_LARGEST_STEP)
+            room = ARENA_LARGEST_STEP;
         if (room < size)
             room = size;
         auto *block = static_cast<ezeb_arena_block *>(ezeb_malloc(sizeof(ezeb_arena_block) + room));

@@ -76,6 +76,8 @@ zeb_bb *ezeb_bb_create(void);
 /* Appends a top-level segment without looking for a namesake: for names known to be new. */
 zeb_bb_seg *ezeb_bb_appendsegment(zeb_bb *block, const char *name);
 
+uint64_t ezeb_bb_encodedsize(const zeb_bb *block);
+
 /* Hash stored with every name: each byte shifted by 0 to 24 and XORed in. */
 uint32_t ezeb_bb_namehash(const char *name, size_t length);
 

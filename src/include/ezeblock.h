@@ -143,6 +143,15 @@ inline bool ezeb_cond_waituntil(ezeb_cond *cond, ezeb_mutex *mutex, const timesp
     return pthread_cond_timedwait(&cond->c, &mutex->m, deadline) == 0;
 }
 
+/* One wait of SECONDS at most on a clock that nobody sets; false when they have passed. */
+inline bool ezeb_cond_waitseconds(ezeb_cond *cond, ezeb_mutex *mutex, time_t seconds) EZEB_REQUIRES(mutex)
+{
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += seconds;
+    return pthread_cond_clockwait(&cond->c, &mutex->m, CLOCK_MONOTONIC, &deadline) == 0;
+}
+
 /* The end of a timed wait of TIMEOUT milliseconds, counted from the start of the current second, with the
  * remaining milliseconds times 1000 as nanoseconds: a wait below one second ends at once, and T ms end T/1000
  * - 1 to T/1000 seconds from now. Meant so, in every timed wait of the library; pinned by the tests of the

@@ -47,8 +47,8 @@ const char *ezeb_logicaladdr_getInstanceName(const zeb_logicaladdr *address);
 const char *ezeb_logicaladdr_getHostName(const zeb_logicaladdr *address);
 const char *ezeb_logicaladdr_getComponent(const zeb_logicaladdr *address);
 
-zeb_logicaladdr *
-ezeb_logicaladdr_dup(const zeb_logicaladdr *address); /* must not be null; null when memory is out */
+/* must not be null; null when memory is out */
+zeb_logicaladdr *ezeb_logicaladdr_dup(const zeb_logicaladdr *address);
 void ezeb_logicaladdr_destroy(zeb_logicaladdr **address);
 
 int32_t ezeb_laddrlist_contains(const zeb_laddrlist *list, const zeb_logicaladdr *address);
@@ -57,7 +57,7 @@ int32_t ezeb_laddrlist_del(zeb_laddrlist *list,
 void ezeb_laddrlist_clear(zeb_laddrlist *list);
 
 /* New bytes of LIST with destination names, their count in *LENGTH; null with 0 for null or an empty list,
- * null when memory is out. */
+ * null with -1 when they would be too many to be sent, null with 0 also when memory is out. */
 void *ezeb_laddrlist_toBody(const zeb_laddrlist *list, int32_t *length);
 
 /* Fills the outputs from BODY; lists that are null are created when there is something for them. Bytes that

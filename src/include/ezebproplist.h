@@ -18,7 +18,11 @@ zeb_property *ezeb_proplist_getIndex(const zeb_proplist *list, int32_t index);
 zeb_property *ezeb_proplist_put(zeb_proplist *list, const char *name, const char *value);
 void ezeb_proplist_destroy(zeb_proplist **list);
 zeb_proplist *ezeb_proplist_create(void);
-zeb_proplist *
-ezeb_proplist_dup(const zeb_proplist *list); /* deep copy; null for null or when memory is out */
+
+/* Adds a name that is known not to be there, without looking. 0 when memory is out. */
+int32_t ezeb_proplist_append(zeb_proplist *list, const char *name, const char *value);
+
+/* deep copy; null for null or when memory is out */
+zeb_proplist *ezeb_proplist_dup(const zeb_proplist *list);
 
 #endif

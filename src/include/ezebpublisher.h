@@ -9,8 +9,9 @@ struct ezeb_runtime;
 /* Counted: by the application's handle (or the owning subscriber), and by whatever in the library publishes
  * through it later. */
 struct zeb_publisher {
-    int32_t references; /* through ezeb_ref and ezeb_unref */
-    uint32_t sequence;  /* next number, taken atomically */
+    int32_t references;         /* through ezeb_ref and ezeb_unref */
+    uint32_t sequence;          /* next number, taken atomically */
+    zeb_publisher *nextRetired; /* in the runtime's list of what its end releases */
 
     /* Constant from creation to the last reference; null after a fork, in the child. */
     int32_t id;

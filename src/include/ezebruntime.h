@@ -52,6 +52,9 @@ struct ezeb_runtime {
     zeb_subscriber *droppedhead
         EZEB_GUARDED_BY(regmutex); /* members that a loss took out of their slots, not closed yet */
     zeb_subscriber *droppedtail EZEB_GUARDED_BY(regmutex);
+    /* Closed by the end of the runtime; released with the record, when the last call inside has left. */
+    zeb_subscriber *retiredsubscribers EZEB_GUARDED_BY(regmutex);
+    zeb_publisher *retiredpublishers EZEB_GUARDED_BY(regmutex);
     int32_t closed EZEB_GUARDED_BY(regmutex);    /* nothing can be registered any more */
     uint32_t answered EZEB_GUARDED_BY(regmutex); /* bit 0: a handshake reply was read */
     int32_t answerwaiters EZEB_GUARDED_BY(regmutex);

@@ -24,6 +24,8 @@ struct ezeb_streamchunk {
 struct zeb_instream {
     int32_t references; /* through ezeb_ref and ezeb_unref */
     int32_t closed;     /* the application has closed its handle: what still arrives is dropped */
+    uint32_t
+        forkgeneration; /* constant: of the process that it began in; elsewhere there is nothing to read */
     char *key;          /* constant */
     ezeb_queue *chunks; /* constant; between the receive thread and the reader */
 
