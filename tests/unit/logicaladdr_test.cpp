@@ -714,4 +714,22 @@ TEST(LaddrlistFromBody, ReadingWithoutMemoryGivesWholeAddressesOrNone)
     });
 }
 
+/* ---- Speed ---- */
+
+#ifdef ZEB_SPEED_GUARDS
+TEST(LaddrlistSpeed, AnAddressOf100000PropertiesIsReadInLessThanHalfASecond)
+{
+    std::string body = std::string(SIGNATURE) + std::string(unit::bytes("\x01\x00\x03gr\x00\x00"
+                                                                        "\x01\x00\x0bproperties\x00\x01"));
+    for (int i = 0; i < 100000; i++)
+        body += std::string(unit::bytes("\x02\x00\x06")) + std::to_string(100000 + i) +
+                std::string(unit::bytes("\x00\x00\x01v\x00"));
+    const auto start = std::chrono::steady_clock::now();
+    const outputs found(body);
+    EXPECT_LT(unit::secondsSince(start), 0.5);
+    ASSERT_NE(found.generating, nullptr);
+    EXPECT_EQ(zeb_logicaladdr_getPropertyCount(found.generating), 100000);
+}
+#endif
+
 } // namespace

@@ -355,8 +355,7 @@ TEST_F(Notification, APropertyWithoutMemoryLeavesTheListUnchanged)
     unit::sweep([&](unit::refusal &refuse) {
         zeb_notification *other = zeb_notification_create("t", nullptr, 0);
         zeb_notification_setProperty(other, "k", "v");
-        for (int i = 0; i < 40; i++) /* the notification's own room is used up */
-            zeb_notification_setProperty(other, "f", "filling");
+        other->strings.left = 0; /* the notification's own room is used up */
         const std::string before = properties(other);
         refuse.begin();
         const int32_t result =

@@ -54,12 +54,7 @@ void *body(void *opaque)
     return r;
 }
 
-/* Sanitizers give every thread a stack of their liking. */
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool OWN_STACKS = false;
-#else
-constexpr bool OWN_STACKS = true;
-#endif
+using unit::OWN_STACKS;
 
 bool blocksEverything(const sigset_t &mask)
 {

@@ -428,6 +428,20 @@ TEST(Util, AnArenaWhoseRoomEndsBelowTheAlignmentTakesANewBlock)
     ezeb_arena_release(&arena);
 }
 
+/* A notification with many properties must not hold twice what it needs. */
+TEST(Util, AnArenaGrowsInBlocksOf64KibibytesAtMost)
+{
+    ezeb_arena arena;
+    ezeb_arena_init(&arena, nullptr, 0);
+    const int64_t before = ezeb_allocseam_requests;
+    for (int i = 0; i < 4096; i++)
+        ASSERT_NE(ezeb_arena_alloc(&arena, 1024), nullptr);
+    const int64_t requests = ezeb_allocseam_requests - before;
+    EXPECT_GE(requests, 4096 * 1024 / 65536);
+    EXPECT_LE(requests, 4096 * 1024 / 65536 + 8);
+    ezeb_arena_release(&arena);
+}
+
 TEST(Util, AnArenaWithoutMemoryGivesNullAndKeepsWhatItHas)
 {
     alignas(void *) char room[8];
