@@ -185,9 +185,8 @@ TEST_F(FullDump, AMembershipListShowsItsMembersAndNeitherOriginNorPropertiesNorL
 TEST_F(FullDump, AMembershipDeltaShowsRemovedMembersUnderTheLabelOfMembers)
 {
     EXPECT_EQ(of_class(2), head("MembershipDeltaNotification") + "  Added Addr:           " + shown("add1") +
-                               "  Added Addr:           " + shown("add2") +
-                               "  Member Addr:          " + shown("del1") +
-                               "  Member Addr:          " + shown("del2"));
+                               "  Added Addr:           " + shown("add2") + "  Member Addr:          " +
+                               shown("del1") + "  Member Addr:          " + shown("del2"));
 }
 
 TEST_F(FullDump, AStateRequestShowsAddressesOnly)
@@ -320,36 +319,33 @@ std::string counting(int length)
 TEST_F(Dump, ABodyOf32BytesIsOneFullRowAndNoEmptyOne)
 {
     body(counting(32).data(), 32);
-    EXPECT_EQ(dumped(1),
-              bare_head() +
-                  "  Body Length:          32\n"
-                  "  Body:\n"
-                  "    00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f \n"
-                  "\n");
+    EXPECT_EQ(dumped(1), bare_head() +
+                             "  Body Length:          32\n"
+                             "  Body:\n"
+                             "    00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f \n"
+                             "\n");
 }
 
 TEST_F(Dump, The33rdByteStandsInASecondRow)
 {
     body(counting(33).data(), 33);
-    EXPECT_EQ(dumped(1),
-              bare_head() +
-                  "  Body Length:          33\n"
-                  "  Body:\n"
-                  "    00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f \n"
-                  "    20\n"
-                  "\n");
+    EXPECT_EQ(dumped(1), bare_head() +
+                             "  Body Length:          33\n"
+                             "  Body:\n"
+                             "    00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f \n"
+                             "    20\n"
+                             "\n");
 }
 
 TEST_F(Dump, TwoFullRowsAreTwoRows)
 {
     body(counting(64).data(), 64);
-    EXPECT_EQ(dumped(1),
-              bare_head() +
-                  "  Body Length:          64\n"
-                  "  Body:\n"
-                  "    00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f \n"
-                  "    20212223 24252627 28292a2b 2c2d2e2f 30313233 34353637 38393a3b 3c3d3e3f \n"
-                  "\n");
+    EXPECT_EQ(dumped(1), bare_head() +
+                             "  Body Length:          64\n"
+                             "  Body:\n"
+                             "    00010203 04050607 08090a0b 0c0d0e0f 10111213 14151617 18191a1b 1c1d1e1f \n"
+                             "    20212223 24252627 28292a2b 2c2d2e2f 30313233 34353637 38393a3b 3c3d3e3f \n"
+                             "\n");
 }
 
 TEST_F(Dump, ANegativeLengthDumpsNoBytes)
@@ -493,7 +489,7 @@ TEST(DumpOfNull, IsPrintedAsItsLine)
 
 /* ---- Without memory ---- */
 
-TEST_F(FullDump, WithoutMemoryThereIsNoTextOrTheWholeOne)
+TEST_F(FullDump, WithoutMemoryThereIsNoTextOrOneThatSaysLess)
 {
     ezeb_notification_setClass(n, 0);
     n->body = static_cast<char *>(malloc(sizeof(BLOCK)));
@@ -504,10 +500,11 @@ TEST_F(FullDump, WithoutMemoryThereIsNoTextOrTheWholeOne)
         refuse.begin();
         const unit::text text(zeb_notification_toString(n, 3));
         refuse.end();
-        if (!refuse.happened()) {
-            ASSERT_NE(text, nullptr);
-            EXPECT_EQ(text.get(), whole);
-        }
+        const std::string given = text != nullptr ? text.get() : "<null>";
+        if (refuse.happened())
+            EXPECT_TRUE(given == "<null>" || given.substr(0, title().size()) == title()) << given;
+        else
+            EXPECT_EQ(given, whole);
     });
 }
 
