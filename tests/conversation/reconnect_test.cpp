@@ -1,6 +1,8 @@
 /* Loss of the daemon and what happens after it. */
 #include "conversation.h"
 
+#include <sys/socket.h>
+
 namespace
 {
 
@@ -416,6 +418,44 @@ TEST_F(losing, an_event_that_went_out_in_part_is_sent_whole_and_first_on_the_nex
     p.expect(expected);
     EXPECT_EQ(sent_before_mark(p), "");
     zeb_publisher_close(publisher);
+}
+
+/* A connection that the library can read from and not write to any more: its own end is shut down for
+ * writing. */
+void break_writing(const peer &p)
+{
+    shutdown(p.other_end(), SHUT_WR);
+}
+
+TEST_F(losing, a_connection_on_which_half_an_event_went_out_is_given_up_by_the_library)
+{
+    peer p = connected();
+    zeb_publisher *publisher = zeb_publisher_create("c");
+    const std::string expected = stall(publisher, p, 2);
+    break_writing(p);
+    peer next = daemon.accept_connected(home.path()); /* though the daemon has not ended the old one */
+    next.expect(expected);
+    EXPECT_EQ(sent_before_mark(next), "");
+    p.expect_end();
+    zeb_publisher_close(publisher);
+}
+
+TEST_F(losing, a_connection_on_which_nothing_of_an_event_went_out_stays_until_the_daemon_ends_it)
+{
+    peer p = connected();
+    zeb_subscriber *sub = subscribed(p, 1);
+    break_writing(p);
+    zeb_publisher_publish(zeb_subscriber_getPublisher(sub), zeb_notification_create("/t", "body", 4));
+    for (int i = 0; i < 5; i++) {
+        p.send(message("1", "/still read"));
+        EXPECT_EQ(receive_type(sub), "/still read");
+    }
+    EXPECT_FALSE(daemon.is_called_within(milliseconds{300}));
+    p.close();
+    p = daemon.accept_connected(home.path());
+    p.expect(published("c", "/t", "01", "body", 1) + subscribe_request(1, "/t"));
+    EXPECT_EQ(sent_before_mark(p), "");
+    zeb_subscriber_close(sub);
 }
 
 TEST_F(losing, unsubscribes_made_while_nobody_listens_are_sent_afterwards)
