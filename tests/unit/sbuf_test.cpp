@@ -345,6 +345,15 @@ TEST_F(SbufCalls, AMediumWriteBehindPendingBytesPushesOnlyThoseOut)
     EXPECT_EQ(sb->end, 2000U);
 }
 
+TEST_F(SbufCalls, AWriteOfExactlyTheCapacityIsStillCollected)
+{
+    ezeb_sb_write(sb, "head", 4);
+    EXPECT_NE(ezeb_sb_write(sb, std::string(2048, 'c').data(), 2048), 0);
+    EXPECT_EQ(calls(), (std::vector<ssize_t>{4}));
+    EXPECT_EQ(ezeb_sb_flush(sb), 1);
+    EXPECT_EQ(calls(), (std::vector<ssize_t>{2048}));
+}
+
 struct SbufGone : Sbuf {
     SbufGone()
     {

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <random>
+#include <utility>
 
 namespace
 {
@@ -241,6 +242,22 @@ TEST(Util, DsprintfFits1023CharactersAndGrowsFor1024)
     EXPECT_EQ(ezeb_dsprintf(&text, "%1024s", "x"), 1024);
     EXPECT_EQ(capacityOf(text), 2048U);
     ezeb_free(text);
+}
+
+/* The smallest multiple of 1024 that leaves two bytes behind the text. */
+TEST(Util, DsprintfGrowsToTheNextMultipleOf1024WithTwoBytesToSpare)
+{
+    for (const auto &[length, capacity] : {std::pair<int, uint32_t>{1024, 2048},
+                                           {2046, 2048},
+                                           {2047, 3072},
+                                           {2048, 3072},
+                                           {3070, 3072},
+                                           {3071, 4096}}) {
+        char *text = nullptr;
+        EXPECT_EQ(ezeb_dsprintf(&text, "%*s", length, "x"), length);
+        EXPECT_EQ(capacityOf(text), capacity) << length;
+        ezeb_free(text);
+    }
 }
 
 TEST(Util, DsprintfAppendsAcrossEveryBoundaryOfItsCapacity)
