@@ -326,7 +326,7 @@ TEST_F(owning, texts_arrays_and_blocks_outlive_what_they_were_made_from)
 TEST_F(owning, property_lists_and_who_copied_them)
 {
     const int orders = in_every_order(
-        [this](peer &p) {
+        [](peer &p) {
             zeb_proplist *properties = zeb_proplist_create();
             zeb_proplist_put(properties, "room", "12");
             zeb_rpcserver *server = zeb_rpcserver_create("a", "c");

@@ -77,6 +77,12 @@ std::string subscription(uint32_t id, std::initializer_list<std::string_view> pr
            lines(properties) + lines({""});
 }
 
+std::string numbered(std::string text, int number)
+{
+    text += std::to_string(number);
+    return text;
+}
+
 int32_t silent(zeb_rpcrequest *, const void *, int32_t)
 {
     return -1; /* ignored */
@@ -488,7 +494,7 @@ TEST_F(serving, the_63rd_function_is_called_and_the_64th_accepted_and_never_call
 {
     const stderr_capture diagnostics;
     for (int i = 1; i <= 65; i++)
-        offer(("f" + std::to_string(i)).c_str(), echo);
+        offer(numbered("f", i).c_str(), echo);
     launch();
     p.send(request("f1", "a", "1") + request("f63", "b", "63") + request("f64", "c", "64") +
            request("f65", "d", "65"));
@@ -552,7 +558,7 @@ TEST_F(serving, many_requests_at_once_are_all_answered)
     constexpr int count = 200;
     std::string many;
     for (int i = 0; i < count; i++)
-        many += request("f", "c" + std::to_string(i), "x");
+        many += request("f", numbered("c", i), "x");
     background sending([&] {
         p.send(many);
         return 0;
@@ -564,7 +570,7 @@ TEST_F(serving, many_requests_at_once_are_all_answered)
     }
     sending.get();
     for (int i = 0; i < count; i++)
-        EXPECT_NE(all.find("/ZEB/RPC/CID: c" + std::to_string(i) + "\r\n"), std::string::npos) << i;
+        EXPECT_NE(all.find("\r\n" + numbered("/ZEB/RPC/CID: c", i) + "\r\n"), std::string::npos) << i;
 }
 
 /* ---- Shut down while a function runs ---- */
