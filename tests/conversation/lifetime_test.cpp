@@ -25,7 +25,8 @@ std::string piece(std::string_view key, std::string_view body)
 class lifetime : public conversation
 {
   protected:
-    /* The input stream of the first piece, which is given back; what came is read, its end mark has not come. */
+    /* The input stream of the first piece, which is given back; what came is read, its end mark has not come.
+     */
     static zeb_instream *open_stream(zeb_subscriber *sub, peer &p)
     {
         p.send(piece("k", "hello"));
