@@ -169,6 +169,9 @@ void engine_publish(engine &engine, connection_id connection, const std::shared_
         engine.counters.unroutable++;
 }
 
+/* Nothing is gathered yet: there are no addresses that others could be told of. */
+void engine_flush(engine & /*engine*/) {}
+
 /* Subscribers have no addresses yet, so no destination can be found; the event goes to nobody else either. */
 void engine_take(engine &engine, connection_id connection, const std::shared_ptr<const event> &what)
 {

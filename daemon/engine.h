@@ -27,7 +27,18 @@ using connection_id = uint64_t;
 
 struct outlet {
     void *context = nullptr;
-    void (*send)(void *context, connection_id to, outgoing item) = nullptr;
+    /* Queues ITEM. False when it was not taken: the connection is ending, or its limits drop the item. */
+    bool (*send)(void *context, connection_id to, outgoing item) = nullptr;
+    /* Asks for one engine_flush() after that many milliseconds. A request that is pending stays as it is. */
+    void (*wake)(void *context, uint32_t milliseconds) = nullptr;
+};
+
+/* Sees every event that is routed; for monitoring. Null while nobody looks. */
+struct observer {
+    void *context = nullptr;
+    /* RECEIVERS by serial, without those that are gone; DROPPED of them were not taken by the outlet. */
+    void (*routed)(void *context, connection_id from, const event &what, std::span<const uint64_t> receivers,
+                   size_t dropped) = nullptr;
 };
 
 struct engine_limits {
@@ -61,6 +72,7 @@ struct engine_counters {
 
 struct engine {
     outlet out;
+    observer watch;
     int64_t (*now)() = nullptr; /* milliseconds since 1970 */
     engine_limits limits;
 
@@ -90,6 +102,9 @@ void engine_publish(engine &engine, connection_id connection, const std::shared_
 /* Hands an event to the given subscribers, in this order; those that are gone are counted. */
 void engine_send_to(engine &engine, const std::shared_ptr<const event> &what,
                     std::span<const uint64_t> receivers);
+
+/* Sends the membership changes gathered since the outlet was asked to wake the engine. */
+void engine_flush(engine &engine);
 
 /* Takes an event from CONNECTION and routes it, directed or not. */
 void engine_take(engine &engine, connection_id connection, const std::shared_ptr<const event> &what);

@@ -29,6 +29,7 @@ struct encoded_event {
 struct outgoing {
     std::shared_ptr<const encoded_event> shared;
     std::string text;
+    bool droppable = false; /* a broadcast event of its own: a receiver's limits may take it out again */
 };
 
 constexpr size_t outgoing_pieces = 4;

@@ -50,6 +50,7 @@ struct server {
     int listenerCount = 0;
     uv_signal_t signals[2]{};
     uv_timer_t stopTimer{};
+    uv_timer_t gatherTimer{}; /* runs while the engine gathers membership changes */
     const server_options *options = nullptr;
     engine routing;
     std::unordered_map<connection_id, std::unique_ptr<client>> clients;
@@ -94,6 +95,7 @@ static void close_remaining_handles(server &s)
     for (uv_signal_t &handle : s.signals)
         uv_close(reinterpret_cast<uv_handle_t *>(&handle), nullptr);
     uv_close(reinterpret_cast<uv_handle_t *>(&s.stopTimer), nullptr);
+    uv_close(reinterpret_cast<uv_handle_t *>(&s.gatherTimer), nullptr);
 }
 
 static void on_client_closed(uv_handle_t *handle)
@@ -152,15 +154,15 @@ static void mark_dirty(client &c)
 }
 
 /* The engine's outlet: queues and returns. */
-static void enqueue(void *context, connection_id to, outgoing item)
+static bool enqueue(void *context, connection_id to, outgoing item)
 {
     server &s = *static_cast<server *>(context);
     const auto at = s.clients.find(to);
     if (at == s.clients.end())
-        return;
+        return false;
     client &c = *at->second;
     if (c.closing || c.finished || !c.doom.empty())
-        return;
+        return false;
     c.queued += outgoing_size(item);
     c.queue.push_back(std::move(item));
     mark_dirty(c);
@@ -168,7 +170,9 @@ static void enqueue(void *context, connection_id to, outgoing item)
         c.doom = std::to_string(c.queued) + " octets are waiting for it, the limit is " +
                  std::to_string(s.options->queue);
         c.queue.clear();
+        return false;
     }
+    return true;
 }
 
 static void on_written(uv_write_t *request, int status)
@@ -232,6 +236,20 @@ static void settle(server &s)
         else
             end_client_because(c, c.doom);
     }
+}
+
+static void on_gathered(uv_timer_t *timer)
+{
+    server &s = *static_cast<server *>(timer->data);
+    engine_flush(s.routing);
+    settle(s);
+}
+
+static void wake(void *context, uint32_t milliseconds)
+{
+    server &s = *static_cast<server *>(context);
+    if (!s.stopping && !uv_is_active(reinterpret_cast<uv_handle_t *>(&s.gatherTimer)))
+        uv_timer_start(&s.gatherTimer, on_gathered, milliseconds, 0);
 }
 
 /* ---- Reading ---- */
@@ -509,6 +527,8 @@ static void start_signals(server &s)
     }
     uv_timer_init(&s.loop, &s.stopTimer);
     s.stopTimer.data = &s;
+    uv_timer_init(&s.loop, &s.gatherTimer);
+    s.gatherTimer.data = &s;
     std::signal(SIGPIPE, SIG_IGN);
 }
 
@@ -516,7 +536,7 @@ bool server_run(const server_options &options)
 {
     const auto s = std::make_unique<server>();
     s->options = &options;
-    s->routing.out = {s.get(), enqueue};
+    s->routing.out = {s.get(), enqueue, wake};
     s->routing.now = now_milliseconds;
     s->routing.limits = options.engine;
     if (uv_loop_init(&s->loop) != 0) {

@@ -12,8 +12,9 @@
 struct recorder {
     std::map<zebd::connection_id, std::vector<std::string>> sent;
     std::vector<std::shared_ptr<const zebd::encoded_event>> encodings; /* of the events sent, in order */
+    std::vector<uint32_t> wakes;
 
-    static void take(void *context, zebd::connection_id to,
+    static bool take(void *context, zebd::connection_id to,
                      zebd::outgoing item) // NOLINT(performance-unnecessary-value-param)
     {
         auto &self = *static_cast<recorder *>(context);
@@ -23,6 +24,12 @@ struct recorder {
         self.sent[to].push_back(text);
         if (item.shared != nullptr)
             self.encodings.push_back(item.shared);
+        return true;
+    }
+
+    static void wake(void *context, uint32_t milliseconds)
+    {
+        static_cast<recorder *>(context)->wakes.push_back(milliseconds);
     }
 
     std::vector<std::string> drain(zebd::connection_id from)
@@ -39,7 +46,7 @@ inline int64_t fixedClock()
 inline zebd::engine engineWith(recorder &out)
 {
     zebd::engine engine;
-    engine.out = {&out, recorder::take};
+    engine.out = {&out, recorder::take, recorder::wake};
     engine.now = fixedClock;
     return engine;
 }
