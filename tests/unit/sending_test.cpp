@@ -1,0 +1,45 @@
+/* What the send thread does with a connection that was renewed behind its back: the daemon is a script, and
+ * the state that no caller can see tells when the new connection stands. */
+#include "ezebrecvthread.h"
+#include "ezebruntime.h"
+
+#include "background.h"
+#include "environment.h"
+#include "fake_daemon.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using namespace zebtest;
+
+bool isConnected()
+{
+    const ezeb_runtime_ref runtime;
+    return ezeb_recvthread_isConnected(runtime.get()) != 0;
+}
+
+TEST(Sending, WhatIsPublishedRightBeforeAShutdownGoesOutOnTheRenewedConnection)
+{
+    const temporary_home home;
+    fake_daemon daemon;
+    clean_environment();
+    configure(home.path(), daemon.port());
+    ASSERT_EQ(zeb_init(), 0);
+    peer first = daemon.accept_connected(home.path());
+    zeb_publisher *publisher = zeb_publisher_create("c");
+    ASSERT_NE(publisher, nullptr);
+    zeb_publisher_publish(publisher, zeb_notification_create("/before", nullptr, 0));
+    EXPECT_NE(first.read_head().find("eventType: /before\r\n"), std::string::npos);
+    first.close(); /* from here on the send thread holds a connection that is lost */
+    peer second = daemon.accept_connected(home.path());
+    ASSERT_TRUE(eventually(isConnected));
+    zeb_publisher_publish(publisher, zeb_notification_create("/last", nullptr, 0));
+    background ending([] { return zeb_shutdown(); });
+    EXPECT_NE(second.read_head().find("eventType: /last\r\n"), std::string::npos);
+    second.expect_close();
+    EXPECT_EQ(ending.get(), 0);
+}
+
+} // namespace
