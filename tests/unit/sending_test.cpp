@@ -47,7 +47,7 @@ TEST(Sending, WhatIsPublishedRightBeforeAShutdownGoesOutOnTheRenewedConnection)
     fake_daemon daemon;
     clean_environment();
     configure(home.path(), daemon.port());
-    for (int round = 0; round < 60 && !HasFailure(); round++)
+    for (int round = 0; round < 150 && !HasFailure(); round++)
         publishOnARenewedConnectionAndShutDown(home, daemon);
 }
 
