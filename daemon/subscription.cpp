@@ -68,7 +68,7 @@ static const relation_sign *sign_at(std::string_view text)
     return nullptr;
 }
 
-static std::string_view sign_of(relation how)
+std::string_view relation_text(relation how)
 {
     for (const relation_sign &candidate : relationSigns)
         if (candidate.how == how)
@@ -509,7 +509,7 @@ static bool value_satisfies(const predicate &test, std::string_view value)
 
 /* `!=` asks that there be a value and that none of them be equal; every other predicate that some value
  * satisfies it. */
-static bool predicate_holds(const predicate &test, const subject &what)
+bool predicate_holds(const predicate &test, const subject &what)
 {
     const bool negative = test.how == relation::not_equal;
     if (test.onField) {
@@ -585,12 +585,16 @@ static std::string_view field_text(field which, subject_kind kind)
     return {};
 }
 
+std::string predicate_name_text(const predicate &test, subject_kind kind)
+{
+    return test.onField ? std::string(field_text(test.fixed, kind)) : escape_name(test.name);
+}
+
 static std::string predicate_text(const predicate &test, subject_kind kind)
 {
-    std::string text = "\"";
-    text += test.onField ? std::string(field_text(test.fixed, kind)) : escape_name(test.name);
+    std::string text = "\"" + predicate_name_text(test, kind);
     if (test.how != relation::present) {
-        text += sign_of(test.how);
+        text += relation_text(test.how);
         text += double_quotes(test.value);
     }
     return text + "\"";

@@ -114,6 +114,12 @@ std::string parse_error_text(const parse_error &error);
 
 bool subscription_matches(const subscription &sub, const subject &what);
 
+bool predicate_holds(const predicate &test, const subject &what);
+
+/* The name of a predicate as it is written, and the sign of a relation; presence has none. */
+std::string predicate_name_text(const predicate &test, subject_kind kind);
+std::string_view relation_text(relation how);
+
 /* The text in its normal form: no needless blanks or parentheses, parts of `|` and `&` sorted and without
  * duplicates. Texts with equal normal forms match alike; parsing the normal form gives it back. */
 std::string subscription_normal_text(const subscription &sub, subject_kind kind);
