@@ -124,8 +124,9 @@ void engine_send_to(engine &engine, const std::shared_ptr<const event> &what,
         if (encoded == nullptr)
             encoded = encode_event(what, engine.now());
         engine.counters.delivered++;
-        engine.out.send(engine.out.context, at->second.connection,
-                        outgoing_event(encoded, at->second.request.id));
+        outgoing item = outgoing_event(encoded, at->second.request.id);
+        item.droppable = what->cls == event_class::message && what->addresses.length == 0;
+        engine.out.send(engine.out.context, at->second.connection, std::move(item));
     }
 }
 

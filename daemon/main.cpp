@@ -1,20 +1,22 @@
-/* zebd: options, logging, limits of the process; then the server runs. Exit codes: 0 stopped when told to,
- * 1 wrong usage, 2 could not begin to serve. */
-#include "defaults.h"
+/* zebd: options and configuration, limits of the process; then the server runs. Exit codes: 0 stopped when
+ * told to, 1 wrong usage or configuration, 2 could not begin to serve. */
+#include "config.h"
+#include "log.h"
+#include "message.h"
 #include "server.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
-#include <memory>
-#include <optional>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/stdout_sinks.h>
-#include <spdlog/spdlog.h>
+#include <fstream>
+#include <iostream>
+#include <sstream>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace zebd
 {
@@ -22,33 +24,7 @@ namespace zebd
 static constexpr int exitUsage = 1;
 static constexpr int exitNotServing = 2;
 
-/* ---- Logging ---- */
-
-/* The priority in front of each line, as the journal reads it from standard error. */
-struct priority_flag : spdlog::custom_flag_formatter {
-    void format(const spdlog::details::log_msg &line, const std::tm &, spdlog::memory_buf_t &out) override
-    {
-        static constexpr std::string_view marks[] = {"<7>", "<7>", "<6>", "<4>", "<3>", "<2>", "<2>"};
-        const std::string_view mark = marks[static_cast<size_t>(line.level)];
-        out.append(mark.data(), mark.data() + mark.size());
-    }
-    std::unique_ptr<custom_flag_formatter> clone() const override
-    {
-        return std::make_unique<priority_flag>();
-    }
-};
-
-static void start_logging(const std::string &level)
-{
-    auto formatter = std::make_unique<spdlog::pattern_formatter>();
-    formatter->add_flag<priority_flag>('*').set_pattern("%*%v");
-    auto logger = std::make_shared<spdlog::logger>("zebd", std::make_shared<spdlog::sinks::stderr_sink_st>());
-    logger->set_formatter(std::move(formatter));
-    logger->set_level(spdlog::level::from_str(level));
-    spdlog::set_default_logger(std::move(logger));
-}
-
-/* ---- Options ---- */
+/* ---- The host ---- */
 
 /* Every client is a descriptor, so the process takes what it may have. */
 static void raise_descriptor_limit()
@@ -76,81 +52,156 @@ static uint64_t start_time()
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
 }
 
-static std::optional<uint16_t> parse_port(std::string_view text)
-{
-    uint16_t port = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), port);
-    if (result.ec != std::errc() || result.ptr != text.data() + text.size())
-        return std::nullopt;
-    return port;
-}
-
-/* The environment's port, or the default where it names none. Clients read the same variable. */
-static std::optional<uint16_t> port_from_environment()
-{
-    const char *text = std::getenv("TAMBEK_ZEB_PROXY_PORT");
-    if (text == nullptr)
-        return defaultPort;
-    const std::optional<uint16_t> port = parse_port(text);
-    return port && *port != 0 ? port : std::nullopt;
-}
-
-static std::string check_one_line(const std::string &text)
-{
-    return text.find_first_of("\r\n") == std::string::npos ? "" : "a line end cannot stand here";
-}
+/* ---- Configuration ---- */
 
 struct arguments {
-    server_options server;
-    int port = -1; /* -1: not given */
-    double stopSeconds = 5;
-    std::string logLevel = "info";
+    std::string configFile, checkFile;
+    int readyFd = -1;
+    std::vector<std::pair<std::string, std::string>> settings; /* key and text, in the order given */
 };
+
+/* Clients read the same variable. There 0 makes no sense. */
+static bool take_environment(configuration &config)
+{
+    static constexpr const char *variable = "TAMBEK_ZEB_PROXY_PORT";
+    const char *text = std::getenv(variable);
+    std::string why;
+    if (text == nullptr)
+        return true;
+    if (config_set(config, *config_find("port"), text, why) && config.port != 0)
+        return true;
+    spdlog::error("{}: '{}' is no port", variable, printable(text));
+    return false;
+}
+
+static bool read_file(const std::string &name, std::string &text)
+{
+    std::ifstream file(name, std::ios::binary);
+    std::ostringstream content;
+    if (file.peek() != std::ifstream::traits_type::eof()) /* an empty file has nothing to copy */
+        content << file.rdbuf();
+    if (!file.is_open() || file.bad() || content.bad()) {
+        const int error = errno;
+        spdlog::error("{}: cannot be read: {}", name, std::strerror(error));
+        return false;
+    }
+    text = content.str();
+    return true;
+}
+
+/* What is wrong goes to the log, one line each, in the form that editors jump to. */
+static bool take_file(const std::string &name, configuration &config)
+{
+    std::string text;
+    if (!read_file(name, text))
+        return false;
+    const std::vector<config_problem> problems = config_parse(text, config);
+    for (const config_problem &problem : problems)
+        spdlog::error("{}:{}:{}: {}", name, problem.line, problem.column, printable(problem.reason));
+    return problems.empty();
+}
+
+static bool take_settings(const arguments &args, configuration &config)
+{
+    for (const auto &[name, text] : args.settings) {
+        const config_key *key = config_find(name);
+        std::string why = "unknown key";
+        if (key == nullptr || !config_set(config, *key, text, why)) {
+            spdlog::error("option for {}: {}", printable(name), why);
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Each source wins over those before it. */
+static bool load(const arguments &args, configuration &config)
+{
+    config = configuration();
+    return take_environment(config) && (args.configFile.empty() || take_file(args.configFile, config)) &&
+           take_settings(args, config);
+}
+
+static int check(const std::string &name)
+{
+    configuration config;
+    if (!take_file(name, config))
+        return exitUsage;
+    std::cout << name << ": valid\n";
+    return 0;
+}
+
+/* ---- Options ---- */
+
+struct option_of_key {
+    const char *option;
+    const char *key;
+};
+
+/* Those that are wanted by hand; all others are reached by --set. */
+static constexpr option_of_key optionsOfKeys[] = {
+    {"--port", "port"},
+    {"--instance", "instance"},
+    {"--stop-seconds", "stop_seconds"},
+    {"--log-level", "log.level"},
+    {"--max-clients", "limits.clients"},
+    {"--max-body", "limits.body"},
+    {"--max-queue", "queue.hard"},
+};
+
+static void take_setting(arguments &args, const std::string &text)
+{
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos)
+        throw CLI::ValidationError("--set", "'" + text + "' is not KEY=VALUE");
+    args.settings.emplace_back(text.substr(0, equals), text.substr(equals + 1));
+}
 
 static void declare(CLI::App &app, arguments &args)
 {
-    server_options &server = args.server;
     app.set_version_flag("--version", std::string("zebd ") + ZEB_VERSION);
-    app.add_option("--port", args.port, "Port to listen on; 0 lets the kernel choose")
-        ->check(CLI::Range(0, 65535));
-    app.add_option("--ready-fd", server.readyFd,
-                   "Descriptor that gets a line \"ready port=N\" when listening")
+    app.add_option("--config", args.configFile, "Configuration file; SIGHUP reads it again");
+    app.add_option("--check", args.checkFile, "Check a configuration file and end");
+    app.add_option("--ready-fd", args.readyFd, "Descriptor that gets a line \"ready port=N\" when listening")
         ->check(CLI::NonNegativeNumber);
-    app.add_option("--instance", server.identity.instance,
-                   "Instance name told to clients; the host name if not given")
-        ->check(check_one_line);
-    app.add_option("--log-level", args.logLevel, "debug, info, warning or error")
-        ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
-    app.add_option("--stop-seconds", args.stopSeconds, "Time for writing what is queued when told to stop")
-        ->check(CLI::Range(0.0, 3600.0));
-    app.add_option("--max-clients", server.clients, "Clients connected at once")->check(CLI::PositiveNumber);
-    app.add_option("--max-body", server.messages.body, "Octets of an event's body")
-        ->check(CLI::Range(0, 0x7fffffff));
-    app.add_option("--max-queue", server.queue, "Octets waiting for one client before it is dropped")
-        ->check(CLI::PositiveNumber);
+    for (const option_of_key &each : optionsOfKeys)
+        app.add_option_function<std::string>(
+            each.option,
+            [&args, key = each.key](const std::string &text) { args.settings.emplace_back(key, text); },
+            "Key " + std::string(each.key) + ": " + std::string(config_find(each.key)->meaning));
+    app.add_option_function<std::vector<std::string>>(
+           "--set",
+           [&args](const std::vector<std::string> &texts) {
+               for (const std::string &text : texts)
+                   take_setting(args, text);
+           },
+           "KEY=VALUE: any key of the configuration")
+        ->take_all();
 }
 
-/* What the parser of the options cannot check by itself. */
-static bool complete(arguments &args)
+static bool complete(const arguments &args, server_options &server)
 {
-    if (args.server.readyFd >= 0 && fcntl(args.server.readyFd, F_GETFD) < 0) {
-        spdlog::error("--ready-fd: {} is no open descriptor", args.server.readyFd);
+    if (args.readyFd >= 0 && fcntl(args.readyFd, F_GETFD) < 0) {
+        spdlog::error("--ready-fd: {} is no open descriptor", args.readyFd);
         return false;
     }
-    const std::optional<uint16_t> port =
-        args.port >= 0 ? static_cast<uint16_t>(args.port) : port_from_environment();
-    if (!port) {
-        spdlog::error("TAMBEK_ZEB_PROXY_PORT: '{}' is no port", std::getenv("TAMBEK_ZEB_PROXY_PORT"));
-        return false;
-    }
-    args.server.port = *port;
-    args.server.stopMilliseconds = static_cast<uint32_t>(args.stopSeconds * 1000);
-    args.server.identity.version = ZEB_VERSION;
-    args.server.identity.node = host_name();
-    args.server.identity.incarnation = start_time();
-    if (args.server.identity.instance.empty())
-        args.server.identity.instance = args.server.identity.node;
+    server.readyFd = args.readyFd;
+    server.identity.version = ZEB_VERSION;
+    server.identity.node = host_name();
+    server.identity.incarnation = start_time();
+    server.identity.instance = server.config.instance.empty() ? server.identity.node : server.config.instance;
     return true;
+}
+
+static int serve(const arguments &args)
+{
+    server_options server;
+    if (!load(args, server.config) || !complete(args, server))
+        return exitUsage;
+    if (!args.configFile.empty())
+        server.reread = [&args](configuration &config) { return load(args, config); };
+    raise_descriptor_limit();
+    return server_run(server) ? 0 : exitNotServing;
 }
 
 static int run(int argc, char **argv)
@@ -163,11 +214,8 @@ static int run(int argc, char **argv)
     } catch (const CLI::ParseError &problem) {
         return app.exit(problem) == 0 ? 0 : exitUsage;
     }
-    start_logging(args.logLevel);
-    if (!complete(args))
-        return exitUsage;
-    raise_descriptor_limit();
-    return server_run(args.server) ? 0 : exitNotServing;
+    log_start();
+    return args.checkFile.empty() ? serve(args) : check(args.checkFile);
 }
 
 } // namespace zebd

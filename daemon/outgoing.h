@@ -23,6 +23,7 @@ struct encoded_event {
     std::string after;     /* from the line end behind the identifier to the empty line */
     std::string_view body; /* inside `source` */
     std::shared_ptr<const event> source;
+    mutable uint32_t queues = 0; /* that hold it; kept by the queues, which count it once together */
 };
 
 /* Either a text of its own, or an event for the subscriber named by `text`. */

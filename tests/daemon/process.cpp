@@ -217,15 +217,21 @@ static std::string read_line(int fd, moment end)
     return line;
 }
 
+uint16_t ready_port(const running &daemon)
+{
+    const std::string line = read_line(daemon.ready, deadline());
+    const std::string mark = "ready port=";
+    if (line.compare(0, mark.size(), mark) != 0)
+        return 0;
+    return static_cast<uint16_t>(std::stoi(line.substr(mark.size())));
+}
+
 void start_zebd(zebd &daemon, const arguments &options, const environment &env)
 {
     arguments command = {ZEBD_PATH, "--port", "0", "--ready-fd", "3", "--log-level", "debug"};
     command.insert(command.end(), options.begin(), options.end());
     start(daemon, command, env, true);
-    const std::string line = read_line(daemon.ready, deadline());
-    const std::string mark = "ready port=";
-    if (line.compare(0, mark.size(), mark) == 0)
-        daemon.port = static_cast<uint16_t>(std::stoi(line.substr(mark.size())));
+    daemon.port = ready_port(daemon);
 }
 
 } // namespace process

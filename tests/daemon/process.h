@@ -59,6 +59,8 @@ int finish(running &child);
 struct zebd : running {
     uint16_t port = 0;
 };
+/* The port from the ready line of a zebd that was started by hand; 0 when none came. */
+uint16_t ready_port(const running &daemon);
 void start_zebd(zebd &daemon, const arguments &options = {}, const environment &env = {});
 
 } // namespace process

@@ -192,7 +192,8 @@ TEST_F(Server, DropsAClientWhoseQueuePassesItsLimit)
             process::poll_output(daemon);
         }
     }
-    EXPECT_NE(log().find("octets are waiting for it, the limit is 200000\n"), std::string::npos) << log();
+    EXPECT_NE(log().find("octets are waiting for it, the hard limit is 200000\n"), std::string::npos)
+        << log();
     EXPECT_TRUE(lazy.hear_end());
     EXPECT_TRUE(from.subscribe());
 }

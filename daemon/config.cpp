@@ -1,0 +1,237 @@
+#include "config.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <iterator>
+
+#define TOML_EXCEPTIONS 0
+#include <toml++/toml.h>
+
+namespace zebd
+{
+
+/* ---- The table ---- */
+
+static constexpr double day = 86400;
+static constexpr double most31 = 0x7fffffff;
+static constexpr double mebibyte = 1024.0 * 1024;
+static constexpr double tebibyte = mebibyte * mebibyte;
+
+static constexpr config_key keys[] = {
+    {"port", &configuration::port, 0, 65535, "", false,
+     "TCP port on 127.0.0.1 and ::1; 0 lets the kernel choose one"},
+    {"instance", &configuration::instance, 0, 0, "", false,
+     "instance name told to clients; the host name when empty"},
+    {"stop_seconds", &configuration::stopSeconds, 0, 3600, "", true,
+     "time for writing what is queued when told to stop"},
+
+    {"log.level", &configuration::logLevel, 0, 0, "debug info warning error", true,
+     "least priority that is logged"},
+    {"log.lines_per_second", &configuration::logLines, 1, 1e6, "", true,
+     "lines of one kind in a second; those above are counted and told with the next one"},
+
+    {"limits.clients", &configuration::clients, 1, 1e6, "", true, "clients connected at once"},
+    {"limits.connect_seconds", &configuration::connectSeconds, 0.05, day, "", true,
+     "time to complete the connect; then the client is ended"},
+    {"limits.stall_seconds", &configuration::stallSeconds, 0, day, "", true,
+     "longest silence in the middle of a message; 0 for any"},
+    {"limits.line", &configuration::line, 256, 256 * mebibyte, "", true, "octets of a header line"},
+    {"limits.header", &configuration::header, 1024, 256 * mebibyte, "", true,
+     "octets of all header lines of a message"},
+    {"limits.properties", &configuration::properties, 0, 1e7, "", true, "properties of a message"},
+    {"limits.body", &configuration::body, 0, most31, "", true, "octets of an event's body"},
+    {"limits.addresses", &configuration::addresses, 0, 1024 * mebibyte, "", true,
+     "octets of an event's address list"},
+    {"limits.subscribers", &configuration::subscribers, 1, most31, "", true, "subscribers of a connection"},
+    {"limits.streams", &configuration::streams, 0, most31, "", true, "open streams of a connection"},
+
+    {"language.octets", &configuration::languageOctets, 0, 256 * mebibyte, "", true,
+     "octets of a subscription or a membership interest"},
+    {"language.nesting", &configuration::languageNesting, 1, 1000, "", true,
+     "parentheses and negations open at one place"},
+    {"language.predicates", &configuration::languagePredicates, 1, 1e7, "", true,
+     "predicates of a subscription or a membership interest"},
+
+    {"queue.policy", &configuration::queuePolicy, 0, 0, "disconnect drop-oldest drop-newest", true,
+     "what happens to a client that does not read fast enough"},
+    {"queue.soft", &configuration::queueSoft, 0, tebibyte, "", true,
+     "octets that may wait for one client for long"},
+    {"queue.soft_seconds", &configuration::queueSoftSeconds, 0, day, "", true,
+     "how long they may be exceeded before the policy acts"},
+    {"queue.hard", &configuration::queueHard, 1, tebibyte, "", true,
+     "octets that may wait for one client at all; above them the policy acts at once"},
+    {"queue.total", &configuration::queueTotal, mebibyte, tebibyte, "", true,
+     "octets that may wait for all clients together; the longest queue pays"},
+};
+
+std::span<const config_key> config_keys()
+{
+    return keys;
+}
+
+const config_key *config_find(std::string_view name)
+{
+    const auto *found = std::ranges::find(keys, name, &config_key::name);
+    return found == std::end(keys) ? nullptr : found;
+}
+
+/* ---- Values ---- */
+
+static std::string number_text(double number)
+{
+    char text[32];
+    const auto result = std::to_chars(std::begin(text), std::end(text), number);
+    return {std::begin(text), result.ptr};
+}
+
+static std::string whole_text(double number)
+{
+    return std::to_string(static_cast<int64_t>(number));
+}
+
+static bool is_choice(std::string_view choices, std::string_view text)
+{
+    return !text.empty() && text.find(' ') == std::string_view::npos &&
+           (" " + std::string(choices) + " ").find(" " + std::string(text) + " ") != std::string::npos;
+}
+
+static bool store(configuration &config, const config_key &key, int64_t value, std::string &why)
+{
+    if (static_cast<double>(value) < key.least || static_cast<double>(value) > key.most) {
+        why =
+            std::string(key.name) + " must be from " + whole_text(key.least) + " to " + whole_text(key.most);
+        return false;
+    }
+    config.*std::get<int64_t configuration::*>(key.member) = value;
+    return true;
+}
+
+static bool store(configuration &config, const config_key &key, double value, std::string &why)
+{
+    if (!(value >= key.least && value <= key.most)) {
+        why = std::string(key.name) + " must be from " + number_text(key.least) + " to " +
+              number_text(key.most) + " seconds";
+        return false;
+    }
+    config.*std::get<double configuration::*>(key.member) = value;
+    return true;
+}
+
+static bool store(configuration &config, const config_key &key, std::string_view value, std::string &why)
+{
+    if (!key.choices.empty() && !is_choice(key.choices, value)) {
+        why = std::string(key.name) + " must be one of: " + std::string(key.choices);
+        return false;
+    }
+    if (value.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) {
+        why = std::string(key.name) + " must be one line";
+        return false;
+    }
+    config.*std::get<std::string configuration::*>(key.member) = value;
+    return true;
+}
+
+template <class Number>
+static bool parse_number(std::string_view text, Number &number)
+{
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+static bool is_whole(const config_key &key)
+{
+    return std::holds_alternative<int64_t configuration::*>(key.member);
+}
+
+static bool is_number(const config_key &key)
+{
+    return std::holds_alternative<double configuration::*>(key.member);
+}
+
+bool config_set(configuration &config, const config_key &key, std::string_view text, std::string &why)
+{
+    int64_t whole = 0;
+    double number = 0;
+    why = std::string(key.name) + " must be a" + (is_whole(key) ? " whole" : "") + " number";
+    if (is_whole(key))
+        return parse_number(text, whole) && store(config, key, whole, why);
+    if (is_number(key))
+        return parse_number(text, number) && store(config, key, number, why);
+    return store(config, key, text, why);
+}
+
+std::string config_text(const configuration &config, const config_key &key)
+{
+    if (is_whole(key))
+        return std::to_string(config.*std::get<int64_t configuration::*>(key.member));
+    if (is_number(key))
+        return number_text(config.*std::get<double configuration::*>(key.member));
+    return '"' + config.*std::get<std::string configuration::*>(key.member) + '"';
+}
+
+/* ---- Files ---- */
+
+struct file_reading {
+    configuration &config;
+    std::vector<config_problem> problems;
+};
+
+static void complain(file_reading &reading, const toml::source_region &where, std::string reason)
+{
+    reading.problems.push_back({where.begin.line, where.begin.column, std::move(reason)});
+}
+
+static bool store_node(configuration &config, const config_key &key, const toml::node &value,
+                       std::string &why)
+{
+    if (is_whole(key)) {
+        why = std::string(key.name) + " must be a whole number";
+        return value.is_integer() && store(config, key, value.as_integer()->get(), why);
+    }
+    if (is_number(key)) {
+        why = std::string(key.name) + " must be a number";
+        return value.is_number() && store(config, key, *value.value<double>(), why);
+    }
+    why = std::string(key.name) + " must be a text in quotes";
+    return value.is_string() && store(config, key, std::string_view(value.as_string()->get()), why);
+}
+
+static bool is_table_name(const std::string &name)
+{
+    return std::ranges::any_of(keys, [&](const config_key &key) { return key.name.starts_with(name + "."); });
+}
+
+static void read_table(file_reading &reading, const toml::table &table, const std::string &prefix)
+{
+    for (const auto &[name, value] : table) {
+        const std::string full = prefix + std::string(name.str());
+        if (value.is_table() && is_table_name(full)) {
+            read_table(reading, *value.as_table(), full + ".");
+            continue;
+        }
+        const config_key *key = config_find(full);
+        std::string why;
+        if (key == nullptr)
+            complain(reading, name.source(),
+                     "unknown " + std::string(value.is_table() ? "table " : "key ") + full);
+        else if (!store_node(reading.config, *key, value, why))
+            complain(reading, value.source(), why);
+    }
+}
+
+std::vector<config_problem> config_parse(std::string_view text, configuration &config)
+{
+    file_reading reading{config, {}};
+    const toml::parse_result result = toml::parse(text);
+    if (!result) {
+        complain(reading, result.error().source(), std::string(result.error().description()));
+        return reading.problems;
+    }
+    read_table(reading, result.table(), "");
+    std::ranges::sort(reading.problems, {},
+                      [](const config_problem &problem) { return std::pair(problem.line, problem.column); });
+    return reading.problems;
+}
+
+} // namespace zebd

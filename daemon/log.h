@@ -1,0 +1,38 @@
+/* The log: one line each on standard error, with the priority in front as the journal reads it. What clients
+ * can cause goes through log_limited(), so that no client can flood the log. One thread. */
+#pragma once
+
+#include "log_rate.h"
+
+#include <cstdint>
+#include <spdlog/spdlog.h>
+#include <string>
+#include <utility>
+
+namespace zebd
+{
+
+/* Lines of one kind share a limit. */
+enum class log_kind : uint8_t { accepting, refused, connected, disconnected, ended, queue, request, admin };
+constexpr size_t logKinds = 8;
+
+/* LEVEL is one of debug, info, warning and error; a kind writes at most LINES_PER_SECOND. */
+void log_start();
+void log_set(const std::string &level, uint32_t linesPerSecond);
+
+/* Whether a line of this kind passes now; appends to ENDING how many did not before it. */
+bool log_passes(log_kind kind, std::string &ending);
+
+/* Lines kept back since the start. */
+uint64_t log_suppressed();
+
+template <class... Args>
+void log_limited(log_kind kind, spdlog::level::level_enum level, spdlog::fmt_lib::format_string<Args...> text,
+                 Args &&...args)
+{
+    std::string ending;
+    if (spdlog::should_log(level) && log_passes(kind, ending))
+        spdlog::log(level, "{}{}", spdlog::fmt_lib::format(text, std::forward<Args>(args)...), ending);
+}
+
+} // namespace zebd

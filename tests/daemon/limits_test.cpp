@@ -1,0 +1,282 @@
+/* Clients that read too slowly, say too little or are too many: what zebd does about each, over the loopback.
+ */
+#include "peer.h"
+#include "process.h"
+#include "wire.h"
+
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <list>
+#include <thread>
+
+namespace
+{
+
+constexpr size_t bodySize = 50000;
+
+struct Limits : testing::Test {
+    process::zebd daemon;
+    int published = 0;
+
+    void serve(const process::arguments &settings)
+    {
+        process::arguments options;
+        for (const std::string &setting : settings) {
+            options.emplace_back("--set");
+            options.push_back(setting);
+        }
+        process::start_zebd(daemon, options);
+        ASSERT_NE(daemon.port, 0) << daemon.errText;
+    }
+
+    bool logged(const std::string &text)
+    {
+        process::poll_output(daemon);
+        return daemon.errText.find(text) != std::string::npos;
+    }
+
+    /* Events with a body and numbers for identifiers, with a round trip now and then. */
+    bool publish(peer &from, int count)
+    {
+        const std::string body(bodySize, 'x');
+        const std::string length = "Content-Length: " + std::to_string(bodySize);
+        for (int i = 0; i < count; i++) {
+            const std::string event = wire::with(wire::bareEvent, "Content-Length: 0", length);
+            const std::string number = "eventId: " + std::to_string(published++);
+            if (!from.say(wire::with(event, "eventId: ", number) + body) ||
+                (i % 20 == 19 && !round_trip(from)))
+                return false;
+        }
+        return round_trip(from);
+    }
+
+    bool publish_until(peer &from, const std::string &text)
+    {
+        for (int i = 0; i < 300 && !logged(text); i++)
+            if (!publish(from, 10))
+                return false;
+        return logged(text);
+    }
+
+    static bool round_trip(peer &client)
+    {
+        return client.subscribe(
+            wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null"));
+    }
+
+    static int next_event(peer &client)
+    {
+        client.hear("eventId: ");
+        const std::string text = client.hear("\r\n");
+        int number = -1;
+        std::from_chars(text.data(), text.data() + text.size(), number);
+        client.hear("\r\n\r\n" + std::string(bodySize, 'x'));
+        return number;
+    }
+};
+
+/* ---- Slow readers ---- */
+
+constexpr int moreThanSocketsHold = 600; /* 30 MB */
+
+/* Nothing more has to be sent to it for that. */
+TEST_F(Limits, AClientAboveTheSoftLimitForLongIsEnded)
+{
+    serve({"queue.soft=1000000", "queue.soft_seconds=0.2"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    ASSERT_TRUE(publish(from, moreThanSocketsHold));
+    EXPECT_TRUE(process::wait_for_err(daemon, "octets are waiting for it, the soft limit is 1000000\n"))
+        << daemon.errText;
+    EXPECT_TRUE(lazy.hear_end());
+    EXPECT_TRUE(round_trip(from));
+}
+
+TEST_F(Limits, TheSoftLimitDropsAsWell)
+{
+    serve({"queue.policy=drop-oldest", "queue.soft=1000000", "queue.soft_seconds=0.1"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    ASSERT_TRUE(publish(from, moreThanSocketsHold));
+    ASSERT_TRUE(process::wait_for_err(daemon, "events dropped by the soft limit\n")) << daemon.errText;
+    EXPECT_EQ(next_event(lazy), 0);
+    EXPECT_FALSE(logged("ended"));
+}
+
+/* What the sockets held arrives as well, and they may take some more meanwhile. */
+TEST_F(Limits, DropOldestKeepsTheClientAndTheNewestEvents)
+{
+    serve({"queue.policy=drop-oldest", "queue.hard=1000000"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    ASSERT_TRUE(publish_until(from, "events dropped by the hard limit\n")) << daemon.errText;
+    ASSERT_TRUE(publish(from, 200));
+    int before = -1, count = 0;
+    for (int number = 0; before != published - 1; before = number, count++) {
+        number = next_event(lazy);
+        ASSERT_GT(number, before);
+    }
+    EXPECT_LT(count, published);
+}
+
+/* The answer to a subscribe message comes through whatever waits. */
+TEST_F(Limits, DropNewestKeepsTheClientAndWhatWaits)
+{
+    serve({"queue.policy=drop-newest", "queue.hard=1000000"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    ASSERT_TRUE(publish_until(from, "events dropped by the hard limit\n")) << daemon.errText;
+    ASSERT_TRUE(publish(from, 200));
+    ASSERT_TRUE(lazy.say(wire::with(wire::subscribeEverything, "SubscriberID: 1", "SubscriberID: 2")));
+    int before = -1, count = 0;
+    while (lazy.hear(" HTTP/1.1\r\n").find("/event") != std::string::npos) {
+        const int number = next_event(lazy);
+        ASSERT_GT(number, before);
+        before = number;
+        count++;
+    }
+    EXPECT_LT(count, published);
+    EXPECT_NE(lazy.hear("\r\n\r\n").find("Result: success\r\nSubscriberID: 2"), std::string::npos);
+}
+
+/* The larger queue is that of the client that wants everything. */
+TEST_F(Limits, TheLongestQueuePaysForAllTogether)
+{
+    serve({"queue.total=20000000"});
+    peer longest, shorter, from;
+    ASSERT_TRUE(longest.join(daemon.port) && longest.subscribe());
+    ASSERT_TRUE(shorter.join(daemon.port) &&
+                shorter.subscribe(
+                    wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: (\"@id~=*0\")")));
+    ASSERT_TRUE(from.join(daemon.port));
+    EXPECT_TRUE(publish_until(from, "the longest queue while the limit of all is 20000000\n"))
+        << daemon.errText;
+    EXPECT_TRUE(logged("client 1 ")) << daemon.errText;
+    EXPECT_TRUE(longest.hear_end());
+    EXPECT_EQ(next_event(shorter), 0);
+    EXPECT_EQ(next_event(shorter), 10);
+}
+
+int64_t status_kilobytes(pid_t pid, const std::string &name)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(name + ":"))
+            return std::stoll(line.substr(name.size() + 1));
+    return -1;
+}
+
+/* Small events are the hard case: their records are larger than what is on the wire. */
+TEST_F(Limits, MemoryUnderAClientThatReadsNothingStaysWithinItsLimit)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's own memory hides the daemon's";
+#else
+    serve({"queue.policy=drop-oldest", "queue.hard=33554432"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
+    ASSERT_TRUE(from.join(daemon.port));
+    const int64_t before = status_kilobytes(daemon.pid, "VmRSS");
+    std::string batch;
+    for (int i = 0; i < 100; i++)
+        batch += wire::bareEvent;
+    for (int i = 0; i < 3000; i++)
+        ASSERT_TRUE(from.say(batch));
+    ASSERT_TRUE(round_trip(from));
+    EXPECT_TRUE(logged("events dropped by the hard limit\n"));
+    const int64_t most = status_kilobytes(daemon.pid, "VmHWM");
+    RecordProperty("kilobytesBefore", std::to_string(before));
+    RecordProperty("kilobytesAtMost", std::to_string(most));
+    EXPECT_GT(most - before, 16 * 1024); /* else the limit was not reached */
+    EXPECT_LT(most - before, 40 * 1024);
+#endif
+}
+
+/* ---- Clients that say too little ---- */
+
+TEST_F(Limits, AClientThatDoesNotConnectIsEndedAfterAWhile)
+{
+    serve({"limits.connect_seconds=0.2"});
+    peer silent, half, whole;
+    ASSERT_TRUE(whole.join(daemon.port));
+    ASSERT_TRUE(silent.dial(daemon.port));
+    ASSERT_TRUE(half.dial(daemon.port) && half.say(wire::connect.substr(0, 40)));
+    EXPECT_TRUE(silent.hear_end());
+    EXPECT_TRUE(half.hear_end());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: it did not complete its connect in time\n"));
+    EXPECT_TRUE(round_trip(whole));
+}
+
+TEST_F(Limits, AMessageThatIsNeverCompletedEndsItsClient)
+{
+    serve({"limits.stall_seconds=0.2"});
+    peer client, idle;
+    ASSERT_TRUE(idle.join(daemon.port));
+    ASSERT_TRUE(client.join(daemon.port));
+    ASSERT_TRUE(client.say(wire::messageEvent.substr(0, 100)));
+    EXPECT_TRUE(client.hear_end());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: the rest of a message did not come in time\n"));
+    EXPECT_TRUE(round_trip(idle));
+}
+
+TEST_F(Limits, ASlowSenderIsNotEnded)
+{
+    serve({"limits.stall_seconds=2"});
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
+    for (size_t at = 0; at < wire::messageEvent.size(); at += 80) {
+        ASSERT_TRUE(client.say(wire::messageEvent.substr(at, 80)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(400)); /* together more than the limit */
+    }
+    EXPECT_EQ(client.hear("\r\n"), "POST /event HTTP/1.1\r\n");
+}
+
+/* ---- Descriptors ---- */
+
+TEST_F(Limits, WithoutDescriptorsItServesWhomItHasAndRecovers)
+{
+    process::start(
+        daemon,
+        {"/bin/sh", "-c", "ulimit -n 30; exec \"$0\" --port 0 --ready-fd 3 --log-level debug", ZEBD_PATH}, {},
+        true);
+    daemon.port = process::ready_port(daemon);
+    ASSERT_NE(daemon.port, 0);
+    peer served;
+    ASSERT_TRUE(served.join(daemon.port));
+    std::list<peer> many(40);
+    for (peer &each : many)
+        ASSERT_TRUE(each.dial(daemon.port));
+    ASSERT_TRUE(process::wait_for_err(daemon, "<4>cannot accept clients: Too many open files"))
+        << daemon.errText;
+    EXPECT_TRUE(round_trip(served));
+    many.clear();
+    peer late;
+    EXPECT_TRUE(late.join(daemon.port));
+    process::poll_output(daemon);
+    size_t tries = 0; /* a loop that fails again and again would have many */
+    for (size_t at = 0; (at = daemon.errText.find("cannot accept", at)) != std::string::npos; at++)
+        tries++;
+    EXPECT_LT(tries, 10u);
+}
+
+/* ---- The log ---- */
+
+TEST_F(Limits, AFloodOfOneKindOfLineIsHeldBackAndCounted)
+{
+    serve({"log.lines_per_second=1"});
+    while (!logged(" more like it)\n")) {
+        peer client;
+        ASSERT_TRUE(client.dial(daemon.port) && client.say("nonsense\r\n"));
+        ASSERT_TRUE(client.hear_end());
+    }
+    EXPECT_TRUE(logged("<4>client "));
+}
+
+} // namespace
