@@ -2,75 +2,16 @@
 
 #include "defaults.h"
 
-#include <cerrno>
 #include <charconv>
-#include <cmath>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <zeb.h>
 
 namespace tool
 {
-
-static bool write_all(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
-void put(std::string_view text)
-{
-    if (write_all(STDOUT_FILENO, text))
-        return;
-    say(std::string("standard output: ") + std::strerror(errno));
-    _exit(exit_partly);
-}
-
-void say(std::string_view text)
-{
-    write_all(STDERR_FILENO, "zeb: " + std::string(text) + "\n");
-}
-
-/* ---- The limit of the run ---- */
-
-/* The library's own waits cannot be interrupted, and its service threads block all signals; so the limit is a
- * signal on the main thread that ends the process where it stands. */
-static void on_time_over(int)
-{
-    static constexpr char text[] = "zeb: time is over\n";
-    const ssize_t ignored = write(STDERR_FILENO, text, sizeof(text) - 1);
-    static_cast<void>(ignored);
-    _exit(exit_time_out);
-}
-
-void limit_run(double seconds)
-{
-    if (seconds <= 0)
-        return;
-    std::signal(SIGALRM, on_time_over);
-    double whole = 0;
-    const double fraction = std::modf(seconds, &whole);
-    itimerval limit{};
-    limit.it_value.tv_sec = static_cast<time_t>(whole);
-    limit.it_value.tv_usec = static_cast<suseconds_t>(fraction * 1e6);
-    if (limit.it_value.tv_sec == 0 && limit.it_value.tv_usec == 0)
-        limit.it_value.tv_usec = 1; /* zero would mean no limit */
-    setitimer(ITIMER_REAL, &limit, nullptr);
-}
-
-/* ---- The way to the daemon ---- */
 
 bool find_port(const common_options &options, uint16_t &port)
 {
@@ -89,42 +30,70 @@ bool find_port(const common_options &options, uint16_t &port)
     return false;
 }
 
-static bool accepts(const sockaddr *address, socklen_t length)
+static int dial(const sockaddr *address, socklen_t length)
 {
     const int fd = socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    const bool accepted = connect(fd, address, length) == 0;
-    close(fd);
-    return accepted;
+    if (fd >= 0 && connect(fd, address, length) == 0)
+        return fd;
+    if (fd >= 0)
+        close(fd);
+    return -1;
+}
+
+static int dial_v4(uint16_t port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return dial(reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+}
+
+static int dial_v6(uint16_t port)
+{
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(port);
+    address.sin6_addr = in6addr_loopback;
+    return dial(reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+}
+
+int dial(uint16_t port)
+{
+    const int fd = dial_v4(port);
+    return fd >= 0 ? fd : dial_v6(port);
+}
+
+static bool hang_up(int fd)
+{
+    return fd >= 0 && close(fd) == 0;
+}
+
+bool listens_v4(uint16_t port)
+{
+    return hang_up(dial_v4(port));
+}
+
+bool listens_v6(uint16_t port)
+{
+    return hang_up(dial_v6(port));
 }
 
 bool something_listens(uint16_t port)
 {
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_port = htons(port);
-    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = htons(port);
-    v6.sin6_addr = in6addr_loopback;
-    return accepts(reinterpret_cast<const sockaddr *>(&v4), sizeof(v4)) ||
-           accepts(reinterpret_cast<const sockaddr *>(&v6), sizeof(v6));
+    return listens_v4(port) || listens_v6(port);
 }
 
-/* The value of an environment variable, FALLBACK when it is unset or empty. */
-static std::string setting(const char *name, const char *fallback)
+std::string setting(const char *name, const char *fallback)
 {
     const char *value = std::getenv(name);
     return value != nullptr && value[0] != '\0' ? value : fallback;
 }
 
-/* The library wants a home directory, which it only tells the daemon about. The user's own will do. */
-static void supply_home()
+std::string home_directory()
 {
-    if (setting("TAMBEK_CONFIG_HOME", "").empty() && setting("TAMBEK_HOME", "").empty())
-        setenv("TAMBEK_HOME", setting("HOME", "/").c_str(), 1);
+    const std::string own = setting("HOME", "/");
+    return setting("TAMBEK_CONFIG_HOME", setting("TAMBEK_HOME", own.c_str()).c_str());
 }
 
 exit_code join(uint16_t port, std::string &instance)
@@ -134,7 +103,7 @@ exit_code join(uint16_t port, std::string &instance)
         say("no daemon on " + where);
         return exit_no_daemon;
     }
-    supply_home();
+    setenv("TAMBEK_CONFIG_HOME", home_directory().c_str(), 1); /* the library is content with nothing less */
     if (zeb_init_with_port(port) != 0) {
         say("the library could not be started");
         return exit_no_daemon;

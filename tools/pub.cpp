@@ -1,180 +1,283 @@
-/* zeb pub: publishes one notification, or one for each line of standard input. */
+/* zeb pub: publishes one notification, again and again, or one for each line of standard input. */
+#include "input.h"
+#include "json.h"
+#include "member.h"
+#include "stop.h"
+#include "text.h"
 #include "verbs.h"
 
 #include <cerrno>
-#include <climits>
+#include <cmath>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
-#include <utility>
-#include <zeb.h>
+#include <map>
 
 namespace tool
 {
 
-static constexpr double defaultTimeout = 30;
+/* What one notification is made of. */
+struct content {
+    std::string type, component, body;
+    property_pairs properties;
+    bool local = false;
+};
 
-using property_pairs = std::vector<std::pair<std::string, std::string>>;
+struct outlet {
+    const pub_options &options;
+    property_pairs properties;                         /* of the command line */
+    address_list receivers;                            /* of --to; null without */
+    std::map<std::string, publisher_owner> publishers; /* by component */
+    uint64_t published = 0;
+};
 
-static exit_code misuse(const std::string &what)
+/* ---- Receivers ---- */
+
+/* The member that has KEY, from the first list of members that the daemon sends. */
+static exit_code find_receiver(const std::string &key, const std::string &component, zeb_laddrlist *into)
 {
-    say(what);
-    return exit_usage;
-}
-
-/* ---- Checks before anything is sent ---- */
-
-static bool is_one_line(const std::string &text)
-{
-    return text.find_first_of("\r\n") == std::string::npos;
-}
-
-/* The library replaces what it cannot send by a fixed text; better to say so here. */
-static bool split_property(const std::string &text, property_pairs &pairs)
-{
-    const size_t sign = text.find('=');
-    if (sign == std::string::npos || sign == 0)
-        return false;
-    pairs.emplace_back(text.substr(0, sign), text.substr(sign + 1));
-    return is_one_line(text) && pairs.back().first.find(':') == std::string::npos;
-}
-
-static exit_code check(const pub_options &options, property_pairs &pairs)
-{
-    if (!is_one_line(options.type) || !is_one_line(options.component))
-        return misuse("type and component must be one line");
-    for (const std::string &text : options.properties)
-        if (!split_property(text, pairs))
-            return misuse("'" + text + "' is no property: name=value in one line, no ':' in the name");
+    static constexpr double patience = 5;
+    const std::string wanted = "(\"@key=" + replaced(key, "\"", "\"\"") + "\")";
+    subscriber_owner subscriber;
+    interest members;
+    members.members = wanted.c_str();
+    const exit_code code = subscribe(members, component, subscriber);
+    if (code != exit_done)
+        return code;
+    zeb_notification *n = next_before(subscriber.get(), wall_clock() + patience);
+    const zeb_laddrlist *found = zeb_notification_obtainMemberList(n);
+    if (zeb_laddrlist_count(found) == 0)
+        return fail(exit_refused, "no subscriber has the address key '" + key + "'");
+    zeb_laddrlist_add(into, zeb_laddrlist_get(found, 0));
     return exit_done;
 }
 
-/* ---- Input ---- */
-
-static bool read_some(int fd, std::string &into, bool &ended)
+static exit_code find_receivers(outlet &out)
 {
-    char buffer[65536];
-    ssize_t count = 0;
-    do {
-        count = read(fd, buffer, sizeof(buffer));
-    } while (count < 0 && errno == EINTR);
-    ended = count == 0;
-    if (count > 0)
-        into.append(buffer, static_cast<size_t>(count));
-    return count >= 0;
-}
-
-static bool read_whole(int fd, std::string &body)
-{
-    for (bool ended = false; !ended;) {
-        if (!read_some(fd, body, ended))
-            return false;
-        if (body.size() > INT32_MAX) {
-            errno = EFBIG;
-            return false;
-        }
-    }
-    return true;
-}
-
-static exit_code read_body(const pub_options &options, std::string &body)
-{
-    if (options.body) {
-        body = *options.body;
+    if (out.options.to.empty())
         return exit_done;
-    }
-    const std::string name = options.file.value_or("standard input");
-    const int fd = options.file ? open(name.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
-    const bool read = fd >= 0 && read_whole(fd, body);
-    const int error = errno;
-    if (options.file && fd >= 0)
-        close(fd);
-    return read ? exit_done : misuse(name + ": " + std::strerror(error));
+    out.receivers.reset(zeb_laddrlist_create());
+    for (const std::string &key : out.options.to)
+        if (const exit_code code = find_receiver(key, out.options.component, out.receivers.get());
+            code != exit_done)
+            return code;
+    return exit_done;
 }
 
 /* ---- Publishing ---- */
 
-struct publication {
-    const pub_options &options;
-    const property_pairs &properties;
-    zeb_publisher *publisher;
+static exit_code check_lines(const content &c)
+{
+    if (c.type.empty())
+        return fail(exit_usage, "the type is missing");
+    if (!is_one_line(c.type) || !is_one_line(c.component))
+        return fail(exit_usage, "type and component must be one line");
+    return exit_done;
+}
+
+static zeb_publisher *publisher_for(outlet &out, const std::string &component)
+{
+    publisher_owner &publisher = out.publishers[component];
+    if (publisher == nullptr)
+        publisher.reset(zeb_publisher_create(component.c_str()));
+    return publisher.get();
+}
+
+static exit_code publish(outlet &out, const content &c)
+{
+    zeb_publisher *publisher = publisher_for(out, c.component);
+    zeb_notification *n =
+        zeb_notification_create(c.type.c_str(), c.body.data(), static_cast<int32_t>(c.body.size()));
+    if (publisher == nullptr || n == nullptr)
+        return fail(exit_partly, "the notification could not be made");
+    for (const property_pairs *list : {&c.properties, &std::as_const(out.properties)})
+        for (const auto &[name, value] : *list)
+            if (zeb_notification_setProperty(n, name.c_str(), value.c_str()) != 0)
+                return fail(exit_partly, "property '" + name + "' could not be set");
+    if (c.local || out.options.local)
+        zeb_notification_setLocalOnly(n);
+    if (out.receivers != nullptr)
+        zeb_notification_setDestinationAddrs(n, out.receivers.get());
+    zeb_publisher_publish(publisher, n);
+    out.published++;
+    return exit_done;
+}
+
+/* Pauses between two notifications; what is due by a fixed plan does not drift. */
+struct pace {
+    double step; /* seconds */
+    double next = 0;
+
+    void wait()
+    {
+        if (step <= 0)
+            return;
+        const double now = steady_clock();
+        if (next == 0)
+            next = now;
+        while (!interrupted() && steady_clock() < next)
+            sleep_for(next - steady_clock());
+        next += step;
+    }
 };
 
-static bool publish(const publication &p, std::string_view body)
+static exit_code publish_repeatedly(outlet &out, const content &c)
 {
-    zeb_notification *n =
-        zeb_notification_create(p.options.type.c_str(), body.data(), static_cast<int32_t>(body.size()));
-    if (n == nullptr)
-        return false;
-    for (const auto &[name, value] : p.properties)
-        if (zeb_notification_setProperty(n, name.c_str(), value.c_str()) != 0)
-            return false;
-    if (p.options.local)
-        zeb_notification_setLocalOnly(n);
-    zeb_publisher_publish(p.publisher, n);
-    return true;
-}
-
-/* Publishes the complete lines in PENDING and keeps the rest of it. A carriage return belongs to the line. */
-static bool publish_lines(const publication &p, std::string &pending, size_t &published)
-{
-    size_t begin = 0;
-    for (size_t feed = pending.find('\n'); feed != std::string::npos; feed = pending.find('\n', begin)) {
-        if (!publish(p, std::string_view(pending).substr(begin, feed - begin)))
-            return false;
-        published++;
-        begin = feed + 1;
+    const auto wanted = static_cast<uint64_t>(out.options.repeat);
+    pace plan{out.options.every / 1000};
+    exit_code code = exit_done;
+    while (code == exit_done && out.published < wanted) {
+        plan.wait();
+        if (interrupted())
+            break;
+        code = publish(out, c);
+        if (wanted > 1 && progress_is_due())
+            show_progress(std::to_string(out.published) + " of " + std::to_string(wanted) + " published");
     }
-    pending.erase(0, begin);
-    return pending.size() <= INT32_MAX;
+    clear_progress();
+    return code;
 }
 
-static exit_code publish_input(const publication &p)
+static exit_code publish_lines(outlet &out, const content &like)
 {
-    std::string pending;
-    size_t published = 0;
-    bool good = true;
-    for (bool ended = false; good && !ended;)
-        good = read_some(STDIN_FILENO, pending, ended) && publish_lines(p, pending, published);
-    if (good && !pending.empty())
-        good = publish(p, pending);
-    if (good)
-        return exit_done;
-    say("stopped after " + std::to_string(published) + " lines: " + std::strerror(errno));
-    return published > 0 ? exit_partly : exit_usage;
+    pace plan{out.options.every / 1000};
+    return for_each_line([&](std::string_view line) {
+        plan.wait();
+        content c = like;
+        c.body = line;
+        return interrupted() ? exit_done : publish(out, c);
+    });
 }
 
-static exit_code publish_all(const publication &p, const std::string &body)
+/* ---- JSON lines ---- */
+
+/* A line that is no notification. */
+struct bad_line {
+    std::string words;
+};
+
+static std::string text_member(const json &value, const char *name, const std::string &standard)
 {
-    if (p.publisher == nullptr) {
-        say("no publisher could be made");
-        return exit_no_daemon;
-    }
-    if (p.options.lines)
-        return publish_input(p);
-    if (publish(p, body))
+    if (!value.contains(name))
+        return standard;
+    if (!value[name].is_string())
+        throw bad_line{std::string("'") + name + "' must be a string"};
+    return value[name].get<std::string>();
+}
+
+static void add_property(property_pairs &pairs, const std::string &name, const json &value)
+{
+    if (!value.is_string() || name.empty() || name.find(':') != std::string::npos || !is_one_line(name) ||
+        !is_one_line(value.get<std::string>()))
+        throw bad_line{"property '" + name + "': name and value are strings of one line, no ':' in the name"};
+    pairs.emplace_back(name, value.get<std::string>());
+}
+
+static property_pairs properties_member(const json &value)
+{
+    property_pairs pairs;
+    if (!value.contains("properties"))
+        return pairs;
+    const json &given = value["properties"];
+    if (given.is_object())
+        for (const auto &[name, text] : given.items())
+            add_property(pairs, name, text);
+    else if (given.is_array())
+        for (const json &one : given)
+            add_property(pairs, text_member(one, "name", ""), one.contains("value") ? one["value"] : json());
+    else
+        throw bad_line{"'properties' must be a list or an object"};
+    return pairs;
+}
+
+static std::string body_member(const json &value)
+{
+    if (!value.contains("bodyBase64"))
+        return text_member(value, "body", "");
+    if (value.contains("body"))
+        throw bad_line{"'body' and 'bodyBase64' exclude each other"};
+    const std::optional<std::string> octets = from_base64(text_member(value, "bodyBase64", ""));
+    if (!octets)
+        throw bad_line{"'bodyBase64' is no base64"};
+    return *octets;
+}
+
+static content content_of(const json &value, const content &like)
+{
+    if (!value.is_object())
+        throw bad_line{"an object is expected"};
+    content c;
+    c.type = text_member(value, "type", like.type);
+    c.component = text_member(value, "component", like.component);
+    c.body = body_member(value);
+    c.properties = properties_member(value);
+    if (value.contains("local") && !value["local"].is_boolean())
+        throw bad_line{"'local' must be true or false"};
+    c.local = value.value("local", false);
+    return c;
+}
+
+static exit_code publish_json(outlet &out, const content &like)
+{
+    uint64_t number = 0;
+    pace plan{out.options.every / 1000};
+    return for_each_line([&](std::string_view line) {
+        number++;
+        plan.wait();
+        if (interrupted())
+            return exit_done;
+        try {
+            const content c = content_of(json::parse(line), like);
+            const exit_code code = check_lines(c);
+            return code == exit_done ? publish(out, c) : code;
+        } catch (const json::exception &) {
+            return fail(exit_usage, "line " + std::to_string(number) + ": no JSON");
+        } catch (const bad_line &problem) {
+            return fail(exit_usage, "line " + std::to_string(number) + ": " + problem.words);
+        }
+    });
+}
+
+/* ---- The verb ---- */
+
+static bool is_by_lines(const common_options &common, const pub_options &options)
+{
+    return options.lines || common.json;
+}
+
+static exit_code publish_all(const common_options &common, outlet &out, const content &c)
+{
+    exit_code code = find_receivers(out);
+    if (code != exit_done)
+        return code;
+    if (common.json)
+        code = publish_json(out, c);
+    else
+        code = out.options.lines ? publish_lines(out, c) : publish_repeatedly(out, c);
+    if (code == exit_done && !interrupted())
         return exit_done;
-    say("the notification could not be made");
-    return exit_no_daemon;
+    say("stopped after " + counted(out.published, "notification"));
+    return out.published > 0 || interrupted() ? exit_partly : code;
 }
 
 /* The shutdown returns when everything has been written to the daemon's connection. */
 exit_code pub(const common_options &common, const pub_options &options)
 {
-    limit_run(common.timeout < 0 ? defaultTimeout : common.timeout);
-    property_pairs properties;
-    exit_code code = check(options, properties);
-    std::string body;
-    if (code == exit_done && !options.lines)
-        code = read_body(options, body);
+    outlet out{options, {}, nullptr, {}};
+    content c{options.type, options.component, {}, {}};
+    exit_code code = split_properties(options.properties, out.properties);
+    if (code == exit_done && (!common.json || !c.type.empty()))
+        code = check_lines(c);
+    if (code == exit_done && !is_by_lines(common, options))
+        code = read_body(options.body, options.file, c.body);
     if (code == exit_done)
         code = join(common);
     if (code != exit_done)
         return code;
-    zeb_publisher *publisher = zeb_publisher_create(options.component.c_str());
-    code = publish_all({options, properties, publisher}, body);
-    zeb_publisher_close(publisher);
+    watch_signals();
+    code = publish_all(common, out, c);
+    out.publishers.clear();
     zeb_shutdown();
+    if (common.verbose)
+        say(counted(out.published, "notification") + " published");
     return code;
 }
 

@@ -1,21 +1,16 @@
 #include "render.h"
 
+#include "block.h"
+#include "json.h"
+#include "text.h"
+
 #include <cstdlib>
-#include <ctime>
+#include <functional>
+#include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <string_view>
-#include <vector>
 
 namespace tool
 {
-
-using json = nlohmann::ordered_json;
-
-static std::string_view text_of(const char *text)
-{
-    return text == nullptr ? std::string_view() : std::string_view(text);
-}
 
 std::string body_of(const zeb_notification *n)
 {
@@ -42,109 +37,52 @@ static std::vector<property> properties_of(const zeb_notification *n)
     return result;
 }
 
-/* Length of the UTF-8 character that begins at TEXT, 0 when there is none. Overlong forms, surrogates and
- * what lies above the last code point are none. */
-static size_t character_length(std::string_view text)
+static std::string properties_text(const zeb_notification *n)
 {
-    const auto octet = [text](size_t i) {
-        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-    };
-    const auto follows = [&octet](size_t i) { return (octet(i) & 0xC0U) == 0x80U; };
-    const unsigned first = octet(0), second = octet(1);
-    if (first < 0x80)
-        return text.empty() ? 0 : 1;
-    if (first >= 0xC2 && first <= 0xDF)
-        return follows(1) ? 2 : 0;
-    if (first >= 0xE0 && first <= 0xEF) {
-        const bool misplaced = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F);
-        return follows(1) && follows(2) && !misplaced ? 3 : 0;
-    }
-    if (first >= 0xF0 && first <= 0xF4) {
-        const bool misplaced = (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
-        return follows(1) && follows(2) && follows(3) && !misplaced ? 4 : 0;
-    }
-    return 0;
+    std::string text;
+    for (const property &p : properties_of(n))
+        text += (text.empty() ? "" : " ") + escaped(p.name) + "=" + escaped(p.value);
+    return text;
 }
 
-static bool is_utf8(std::string_view text)
+static std::optional<decoded_block> block_in(const std::string &body, bool wanted)
 {
-    while (!text.empty()) {
-        const size_t length = character_length(text);
-        if (length == 0)
-            return false;
-        text.remove_prefix(length);
-    }
-    return true;
+    return wanted ? decode_block(body) : std::nullopt;
 }
 
 /* ---- Readable ---- */
 
-static void append_escaped(std::string &out, unsigned char octet)
-{
-    static constexpr char hex[] = "0123456789abcdef";
-    out += {'\\', 'x', hex[octet / 16], hex[octet % 16]};
-}
-
-static std::string escaped(std::string_view text)
-{
-    std::string result;
-    while (!text.empty()) {
-        const size_t length = character_length(text);
-        const auto first = static_cast<unsigned char>(text[0]);
-        if (first == '\\')
-            result += "\\\\";
-        else if (first == '\n')
-            result += "\\n";
-        else if (length == 0 || first < 0x20 || first == 0x7F)
-            append_escaped(result, first);
-        else
-            result += text.substr(0, length);
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
-    return result;
-}
-
-static std::string time_text(int64_t seconds)
-{
-    const auto when = static_cast<time_t>(seconds);
-    tm parts{};
-    char text[32] = "";
-    gmtime_r(&when, &parts);
-    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
-std::string readable_line(const zeb_notification *n)
+std::string readable_line(const zeb_notification *n, bool blocks)
 {
     const std::string_view component = text_of(zeb_notification_generatingComponent(n));
     std::string line = time_text(zeb_notification_creationTime(n));
     line += " " + escaped(text_of(zeb_notification_type(n)));
     line += " " + (component.empty() ? "-" : escaped(component));
-    for (const property &p : properties_of(n))
-        line += " " + escaped(p.name) + "=" + escaped(p.value);
+    const std::string properties = properties_text(n);
+    line += (properties.empty() ? "" : " ") + properties;
     const std::string body = body_of(n);
+    if (const std::optional<decoded_block> block = block_in(body, blocks))
+        return line + " | " + line_of(block->form);
     if (!body.empty())
         line += " | " + escaped(body);
     return line + "\n";
 }
 
-/* ---- JSON ---- */
-
-static std::string base64(std::string_view octets)
+/* The library's text ends a body at its first NUL, so only one without is shown as text. */
+std::string dump(zeb_notification *n, bool blocks)
 {
-    static constexpr char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string result;
-    for (size_t i = 0; i < octets.size(); i += 3) {
-        unsigned group = 0;
-        for (size_t k = 0; k < 3; k++)
-            group = group << 8U | (i + k < octets.size() ? static_cast<unsigned char>(octets[i + k]) : 0U);
-        for (size_t k = 0; k < 4; k++)
-            result.push_back(i + k > octets.size() ? '=' : digits[group >> (18U - 6U * k) & 63U]);
-    }
-    return result;
+    enum { asDump = 1, asText = 2, asBlockOrDump = 4 };
+    const std::string body = body_of(n);
+    const bool isText = is_utf8(body) && body.find('\0') == std::string::npos;
+    const int32_t bodyFormat = blocks && decode_block(body) ? asBlockOrDump : (isText ? asText : asDump);
+    const std::unique_ptr<char, decltype(&std::free)> text(zeb_notification_toString(n, bodyFormat),
+                                                           std::free);
+    return std::string(text_of(text.get()));
 }
 
-static const char *class_name(uint32_t cls)
+/* ---- JSON ---- */
+
+const char *class_name(uint32_t cls)
 {
     static constexpr const char *names[] = {"message", "membership-list", "membership-delta", "stream",
                                             "stream",  "state-get",       "state-set",        "leave-group"};
@@ -159,7 +97,7 @@ static json properties_json(const zeb_notification *n)
     return result;
 }
 
-std::string json_line(const zeb_notification *n)
+std::string json_line(const zeb_notification *n, bool blocks)
 {
     json line;
     line["type"] = text_of(zeb_notification_type(n));
@@ -176,11 +114,103 @@ std::string json_line(const zeb_notification *n)
     line["delivered"] = zeb_notification_deliveryTime(n);
     line["properties"] = properties_json(n);
     const std::string body = body_of(n);
-    if (is_utf8(body))
+    if (const std::optional<decoded_block> block = block_in(body, blocks))
+        line["block"] = block->form;
+    else if (is_utf8(body))
         line["body"] = body;
     else
         line["bodyBase64"] = base64(body);
-    return line.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    return line_of(line);
+}
+
+/* ---- Formats ---- */
+
+using field_reader = std::function<std::string(const zeb_notification *)>;
+
+static field_reader text_field(const char *(*getter)(const zeb_notification *))
+{
+    return [getter](const zeb_notification *n) { return std::string(text_of(getter(n))); };
+}
+
+static const std::map<std::string, field_reader> &fields()
+{
+    static const std::map<std::string, field_reader> all = {
+        {"type", text_field(zeb_notification_type)},
+        {"class", [](const zeb_notification *n) { return class_name(zeb_notification_getClass(n)); }},
+        {"id", text_field(zeb_notification_id)},
+        {"component", text_field(zeb_notification_generatingComponent)},
+        {"node", text_field(zeb_notification_generatingNode)},
+        {"process", text_field(zeb_notification_generatingProcess)},
+        {"instance", text_field(zeb_notification_instanceName)},
+        {"affectedComponents", text_field(zeb_notification_affectedComponents)},
+        {"affectedNodes", text_field(zeb_notification_affectedNodes)},
+        {"local", [](const zeb_notification *n) { return zeb_notification_localOnly(n) ? "true" : "false"; }},
+        {"created",
+         [](const zeb_notification *n) { return std::to_string(zeb_notification_creationTime(n)); }},
+        {"delivered",
+         [](const zeb_notification *n) { return std::to_string(zeb_notification_deliveryTime(n)); }},
+        {"time", [](const zeb_notification *n) { return time_text(zeb_notification_creationTime(n)); }},
+        {"properties", properties_text},
+        {"body", body_of},
+        {"text", [](const zeb_notification *n) { return escaped(body_of(n)); }},
+    };
+    return all;
+}
+
+static constexpr std::string_view propertyField = "property:";
+
+static bool is_field(const std::string &name)
+{
+    return name == "number" || name.starts_with(propertyField) || fields().count(name) != 0;
+}
+
+static std::string field_value(const std::string &name, const zeb_notification *n, uint64_t number)
+{
+    if (name == "number")
+        return std::to_string(number);
+    if (name.starts_with(propertyField))
+        return std::string(
+            text_of(zeb_notification_getProperty(n, name.substr(propertyField.size()).c_str())));
+    return fields().at(name)(n);
+}
+
+static char unescaped(char c)
+{
+    return c == 'n' ? '\n' : (c == 't' ? '\t' : c);
+}
+
+std::optional<format> parse_format(std::string_view text, std::string &why)
+{
+    format result(1);
+    for (size_t i = 0; i < text.size(); i++) {
+        const bool last = i + 1 == text.size();
+        if (text[i] == '\\' && !last) {
+            result.back().text += unescaped(text[++i]);
+        } else if (text[i] == '{' && !last && text[i + 1] == '{') {
+            result.back().text += text[i++];
+        } else if (text[i] != '{') {
+            result.back().text += text[i];
+        } else {
+            const size_t end = text.find('}', i);
+            const std::string name(text.substr(i + 1, end - i - 1));
+            if (end == std::string_view::npos || !is_field(name)) {
+                why = "--format: there is no placeholder {" + name + "}; {{ is a brace";
+                return std::nullopt;
+            }
+            result.push_back({true, name});
+            result.push_back({});
+            i = end;
+        }
+    }
+    return result;
+}
+
+std::string formatted(const format &parts, const zeb_notification *n, uint64_t number)
+{
+    std::string text;
+    for (const format_part &part : parts)
+        text += part.placeholder ? field_value(part.text, n, number) : part.text;
+    return text + "\n";
 }
 
 } // namespace tool

@@ -1,57 +1,37 @@
 /* zeb sub: prints what arrives, until enough has come, the time is over or a signal says so. */
+#include "member.h"
 #include "render.h"
+#include "stop.h"
+#include "text.h"
 #include "verbs.h"
 
 #include <cmath>
-#include <csignal>
-#include <cstdlib>
-#include <ctime>
-#include <zeb.h>
 
 namespace tool
 {
 
-static volatile std::sig_atomic_t interrupted = 0;
+struct printer {
+    const common_options &common;
+    const sub_options &options;
+    format parts; /* with --format */
+    int64_t printed = 0;
+};
 
-static void on_interrupt(int)
+static std::string text_for(const printer &p, zeb_notification *n)
 {
-    interrupted = 1;
+    if (p.options.bodyOnly)
+        return body_of(n) + "\n";
+    if (p.options.dump)
+        return dump(n, p.options.blocks);
+    if (p.options.format)
+        return formatted(p.parts, n, static_cast<uint64_t>(p.printed));
+    return p.common.json ? json_line(n, p.options.blocks) : readable_line(n, p.options.blocks);
 }
 
-static double now()
+static void print(printer &p, zeb_notification *n)
 {
-    timespec t{};
-    clock_gettime(CLOCK_REALTIME, &t);
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
-}
-
-static void pause_briefly()
-{
-    const timespec pause{0, 5000000};
-    nanosleep(&pause, nullptr);
-}
-
-/* The library waits in whole seconds of the wall clock: a wait of one second ends when the second does. Where
- * that is later than UNTIL, looking again and again is the only way to be on time. */
-static zeb_notification *next_before(zeb_subscriber *subscriber, double until)
-{
-    while (interrupted == 0 && now() < until) {
-        const bool secondFits = std::floor(now()) + 1 <= until;
-        zeb_notification *n = zeb_subscriber_receive(subscriber, secondFits ? 1 : 0, 1000);
-        if (n != nullptr)
-            return n;
-        if (!secondFits)
-            pause_briefly();
-    }
-    return nullptr;
-}
-
-static void print(const common_options &common, const sub_options &options, const zeb_notification *n)
-{
-    if (options.bodyOnly)
-        put(body_of(n) + "\n");
-    else
-        put(common.json ? json_line(n) : readable_line(n));
+    p.printed++;
+    put(text_for(p, n));
 }
 
 /* Of a stream only the head is shown; closing it makes the library drop what follows. */
@@ -62,64 +42,46 @@ static void give_back(zeb_subscriber *subscriber, zeb_notification *n)
     zeb_subscriber_relinquish(subscriber, n);
 }
 
-static exit_code receive_all(const common_options &common, const sub_options &options,
-                             zeb_subscriber *subscriber)
+static exit_code receive_all(printer &p, zeb_subscriber *subscriber)
 {
-    const double until = options.seconds > 0 ? now() + options.seconds : HUGE_VAL;
-    int64_t received = 0;
-    while (options.count == 0 || received < options.count) {
+    const int64_t count = p.options.count;
+    const double until = p.options.seconds > 0 ? wall_clock() + p.options.seconds : HUGE_VAL;
+    while (count == 0 || p.printed < count) {
         zeb_notification *n = next_before(subscriber, until);
         if (n == nullptr)
             break;
-        received++;
-        print(common, options, n);
+        print(p, n);
         give_back(subscriber, n);
     }
-    if (options.count == 0 || received == options.count || interrupted != 0)
+    if (count == 0 || p.printed == count)
         return exit_done;
-    say(std::to_string(received) + " of " + std::to_string(options.count) + " notifications came");
-    return received == 0 ? exit_time_out : exit_partly;
-}
-
-/* No subscriber and a text of its own means time-out; any other text is the daemon's refusal. */
-static exit_code explain(const char *why)
-{
-    const std::string text = why == nullptr ? "" : why;
-    if (text == "timedout") {
-        say("the daemon did not answer the subscription");
-        return exit_time_out;
-    }
-    say("refused: " + text);
-    return exit_refused;
-}
-
-static constexpr int64_t subscribeMilliseconds = 10000;
-
-static void watch_signals()
-{
-    std::signal(SIGINT, on_interrupt);
-    std::signal(SIGTERM, on_interrupt);
+    return fail(p.printed == 0 && !interrupted() ? exit_time_out : exit_partly,
+                std::to_string(p.printed) + " of " + std::to_string(count) + " notifications came");
 }
 
 exit_code sub(const common_options &common, const sub_options &options)
 {
-    if (options.text.find_first_of("\r\n") != std::string::npos) {
-        say("a subscription is one line");
-        return exit_usage;
+    printer p{common, options, {}};
+    if (options.format) {
+        std::string why;
+        const std::optional<format> parts = parse_format(*options.format, why);
+        if (!parts)
+            return fail(exit_usage, why);
+        p.parts = *parts;
     }
-    limit_run(common.timeout);
+    if (!is_one_line(options.text))
+        return fail(exit_usage, "a subscription is one line");
     exit_code code = join(common);
     if (code != exit_done)
         return code;
     watch_signals();
-    char *why = nullptr;
-    zeb_subscriber *subscriber = zeb_subscriber_create_wtimeout(
-        options.text.c_str(), options.component.c_str(), nullptr, nullptr, &why, subscribeMilliseconds);
-    if (subscriber != nullptr && common.verbose)
+    subscriber_owner subscriber;
+    code = subscribe({options.text.c_str()}, options.component, subscriber);
+    if (code == exit_done && common.verbose)
         say("subscribed");
-    code = subscriber == nullptr ? explain(why) : receive_all(common, options, subscriber);
-    std::free(why);
-    zeb_subscriber_close(subscriber);
+    if (code == exit_done)
+        code = receive_all(p, subscriber.get());
+    subscriber.reset();
     zeb_shutdown_nowait();
     return code;
 }

@@ -1,109 +1,13 @@
 /* zeb as a program: what it prints, octet by octet, and the code it ends with. */
 #include "peer.h"
-#include "process.h"
+#include "tool.h"
 #include "wire.h"
 
-#include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <nlohmann/json.hpp>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace
 {
-
-using nlohmann::json;
-
-/* A listening socket that nobody serves; closed at the end. */
-struct silent_listener {
-    int fd = -1;
-    uint16_t port = 0;
-
-    silent_listener()
-    {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) == 0 && listen(fd, 16) == 0 &&
-            getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0)
-            port = ntohs(address.sin_port);
-    }
-    ~silent_listener()
-    {
-        hang_up();
-    }
-    void hang_up()
-    {
-        if (fd >= 0)
-            close(fd);
-        fd = -1;
-    }
-};
-
-/* Every test has a directory of its own, which is also the user's home, and an environment without settings.
- */
-struct Tool : testing::Test {
-    std::string directory;
-    process::environment env;
-    process::zebd daemon;
-
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/zeb-tool-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory = pattern;
-        env = {{"HOME", directory},
-               {"TAMBEK_HOME", ""},
-               {"TAMBEK_CONFIG_HOME", ""},
-               {"TAMBEK_ZEB_PROXY_PORT", ""}};
-    }
-
-    void TearDown() override
-    {
-        unlink((directory + "/body").c_str());
-        rmdir(directory.c_str());
-    }
-
-    void serve(const process::arguments &options = {"--instance", "east"})
-    {
-        process::start_zebd(daemon, options);
-        ASSERT_NE(daemon.port, 0) << daemon.errText;
-        env["TAMBEK_ZEB_PROXY_PORT"] = std::to_string(daemon.port);
-    }
-
-    process::outcome zeb(process::arguments command, const std::string &input = "")
-    {
-        command.insert(command.begin(), ZEB_PATH);
-        return process::run(command, input, env);
-    }
-
-    /* Runs sub in the background until it says that it is subscribed. */
-    void subscribe(process::running &sub, process::arguments command)
-    {
-        command.insert(command.begin(), {ZEB_PATH, "sub", "--verbose"});
-        process::start(sub, command, env);
-        ASSERT_TRUE(process::wait_for_err(sub, "zeb: subscribed\n")) << sub.errText;
-    }
-
-    std::string write_file(const std::string &content)
-    {
-        std::string name = directory + "/body";
-        std::ofstream(name, std::ios::binary) << content;
-        return name;
-    }
-};
-
-uint16_t free_port()
-{
-    return silent_listener().port;
-}
 
 /* ---- Usage ---- */
 
@@ -132,12 +36,9 @@ TEST_F(Tool, WrongUsageEndsWithCode1AndPrintsNothing)
     };
     for (const process::arguments &command : wrong) {
         const process::outcome result = zeb(command);
-        std::string shown;
-        for (const std::string &argument : command)
-            shown += argument + " ";
-        EXPECT_EQ(result.code, 1) << shown;
-        EXPECT_EQ(result.out, "") << shown;
-        EXPECT_NE(result.err, "") << shown;
+        EXPECT_EQ(result.code, 1) << shown(command);
+        EXPECT_EQ(result.out, "") << shown(command);
+        EXPECT_NE(result.err, "") << shown(command);
     }
 }
 

@@ -1,0 +1,100 @@
+/* zeb stream: what goes in comes out, octet by octet. */
+#include "terminal.h"
+#include "tool.h"
+
+#include <csignal>
+
+namespace
+{
+
+std::string every_octet(size_t count)
+{
+    std::string octets;
+    for (size_t i = 0; i < count; i++)
+        octets.push_back(static_cast<char>(i * 31 % 257));
+    return octets;
+}
+
+TEST_F(Tool, AStreamArrivesOctetByOctet)
+{
+    serve();
+    const std::string octets = every_octet(3000000);
+    process::running receive;
+    run_until(receive, {"stream", "receive", "/s", "--verbose"}, "zeb: subscribed\n");
+    const process::outcome send = zeb({"stream", "send", "/s", "--component", "copier"}, octets);
+    EXPECT_EQ(send.code, 0);
+    EXPECT_EQ(send.out, "");
+    EXPECT_EQ(send.err, "zeb: 3000000 octets sent\n");
+    EXPECT_EQ(process::finish(receive), 0);
+    EXPECT_TRUE(receive.outText == octets);
+    EXPECT_EQ(receive.errText, "zeb: subscribed\nzeb: stream /s from copier\nzeb: 3000000 octets received\n");
+}
+
+TEST_F(Tool, AnEmptyStreamIsOneToo)
+{
+    serve();
+    process::running receive;
+    run_until(receive, {"stream", "receive", "/s", "--verbose"}, "zeb: subscribed\n");
+    EXPECT_EQ(zeb({"stream", "send", "/s"}).code, 0);
+    EXPECT_EQ(process::finish(receive), 0);
+    EXPECT_EQ(receive.outText, "");
+}
+
+TEST_F(Tool, AStreamIsChosenBySubscriptionFromAFile)
+{
+    serve();
+    process::running receive;
+    run_until(receive, {"stream", "receive", "\"kind=b\"", "--verbose"}, "zeb: subscribed\n");
+    EXPECT_EQ(zeb({"stream", "send", "/s", "-p", "kind=a", "--file", write_file("first")}).code, 0);
+    EXPECT_EQ(zeb({"pub", "/s", "--body", "no stream", "-p", "kind=b"}).code, 0);
+    EXPECT_EQ(
+        zeb({"stream", "send", "/s", "-p", "kind=b", "--piece", "2", "--file", write_file("second")}).code,
+        0);
+    EXPECT_EQ(process::finish(receive), 0);
+    EXPECT_EQ(receive.outText, "second");
+}
+
+TEST_F(Tool, StreamsEndWithTheRightCodes)
+{
+    EXPECT_EQ(zeb({"stream"}).code, 1);
+    EXPECT_EQ(zeb({"stream", "send"}).code, 1);
+    EXPECT_EQ(zeb({"stream", "send", "/s\n"}).code, 1);
+    EXPECT_EQ(zeb({"stream", "send", "/s", "-p", "x"}).code, 1);
+    EXPECT_EQ(zeb({"stream", "send", "/s", "--piece", "0"}).code, 1);
+    EXPECT_EQ(zeb({"stream", "send", "/s", "--file", "/no/such/file"}).code, 1);
+    const std::string port = std::to_string(free_port());
+    EXPECT_EQ(zeb({"stream", "send", "/s", "--port", port}).code, 2);
+    EXPECT_EQ(zeb({"stream", "receive", "/s", "--port", port}).code, 2);
+    serve();
+    EXPECT_EQ(zeb({"stream", "receive", "(\"@tpye=x\")"}).code, 3);
+    EXPECT_EQ(zeb({"stream", "receive", "/s", "--timeout", "0.5"}).code, 4);
+}
+
+TEST_F(Tool, ASignalInTheMiddleOfAStreamTellsHowFarItWas)
+{
+    serve();
+    process::running receive, send;
+    run_until(receive, {"stream", "receive", "/s", "--verbose"}, "zeb: subscribed\n");
+    process::start(send, {ZEB_PATH, "stream", "send", "/s"}, env);
+    ASSERT_EQ(write(send.in, "hello", 5), 5);
+    ASSERT_TRUE(process::wait_for_out(receive, "hello"));
+    process::send_signal(receive, SIGINT);
+    EXPECT_EQ(process::finish(receive), 5);
+    EXPECT_NE(receive.errText.find("zeb: stopped after 5 octets\n"), std::string::npos) << receive.errText;
+    process::send_signal(send, SIGTERM);
+    EXPECT_EQ(process::finish(send), 5);
+    EXPECT_EQ(send.errText, "zeb: stopped after 5 octets\n");
+}
+
+TEST_F(Tool, AStreamShowsItsProgressOnATerminal)
+{
+    serve();
+    terminal screen;
+    const std::string file = write_file(std::string(20000000, 'x'));
+    screen.start({ZEB_PATH, "stream", "send", "/s", "--file", file}, env, 60);
+    EXPECT_EQ(screen.finish(), 0);
+    EXPECT_NE(screen.seen.find(" MB sent, "), std::string::npos) << screen.seen;
+    EXPECT_EQ(screen.screen(), "zeb: 20000000 octets sent\n");
+}
+
+} // namespace

@@ -1,0 +1,24 @@
+/* Body blocks as JSON and back, without loss. */
+#pragma once
+
+#include "json.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tool
+{
+
+/* What a body holds when it is a body block. WHOLE tells whether encoding it gives the same octets again; a
+ * block that was damaged on its way holds what came before the damage. */
+struct decoded_block {
+    json form;
+    std::string text; /* indented, for people */
+    bool whole = false;
+};
+
+/* Nothing when BODY is no body block. */
+std::optional<decoded_block> decode_block(std::string_view body);
+
+} // namespace tool
