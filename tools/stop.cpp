@@ -57,6 +57,20 @@ bool interrupted()
     return stopping != 0;
 }
 
+signals_held::signals_held()
+{
+    sigset_t held;
+    sigemptyset(&held);
+    sigaddset(&held, SIGINT);
+    sigaddset(&held, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &held, &before);
+}
+
+signals_held::~signals_held()
+{
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 static double reading(clockid_t clock)
 {
     timespec t{};

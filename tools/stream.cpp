@@ -137,6 +137,7 @@ static uint64_t write_stream(zeb_instream *stream)
     std::string buffer(65536, '\0');
     int32_t count = 0;
     while ((count = zeb_instream_read(stream, buffer.data(), static_cast<int32_t>(buffer.size()))) > 0) {
+        const signals_held held;
         put(std::string_view(buffer).substr(0, static_cast<size_t>(count)));
         received += static_cast<unsigned>(count);
         show_octets(received, "received", began);

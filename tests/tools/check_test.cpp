@@ -40,7 +40,7 @@ TEST_F(Tool, AnErrorIsShownAtItsPlace)
 TEST_F(Tool, TheCaretCountsCharacters)
 {
     const process::outcome result = zeb({"check", "(\"gr\xc3\xbc\xc3\x9f=3\"\t"});
-    EXPECT_NE(result.err.find("\n  (\"gr\xc3\xbc\xc3\x9f=3\"\\x09\n              ^\n"), std::string::npos)
+    EXPECT_NE(result.err.find("\n  (\"gr\xc3\xbc\xc3\x9f=3\"\\x09\n               ^\n"), std::string::npos)
         << result.err;
 }
 

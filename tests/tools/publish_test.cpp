@@ -111,6 +111,7 @@ TEST_F(Tool, ASignalEndsWaitingForInput)
     ASSERT_EQ(write(pub.in, "x\n", 2), 2);
     ASSERT_TRUE(process::wait_for_out(sub, "x\n"));
     process::send_signal(pub, SIGINT);
+    EXPECT_TRUE(process::wait_for_err(pub, "stopped")); /* before its input ends */
     EXPECT_EQ(process::finish(pub), 5);
     EXPECT_EQ(pub.errText, "zeb: stopped after 1 notification\n");
 }

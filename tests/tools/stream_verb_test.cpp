@@ -82,6 +82,7 @@ TEST_F(Tool, ASignalInTheMiddleOfAStreamTellsHowFarItWas)
     EXPECT_EQ(process::finish(receive), 5);
     EXPECT_NE(receive.errText.find("zeb: stopped after 5 octets\n"), std::string::npos) << receive.errText;
     process::send_signal(send, SIGTERM);
+    EXPECT_TRUE(process::wait_for_err(send, "stopped")); /* before its input ends */
     EXPECT_EQ(process::finish(send), 5);
     EXPECT_EQ(send.errText, "zeb: stopped after 5 octets\n");
 }
