@@ -59,6 +59,8 @@ void client_end(client &c)
         return;
     c.closing = true;
     count_as_finished(c);
+    if (c.traced)
+        administration_trace_end(c);
     engine_connection_gone(c.owner->routing, c.talk.id);
     spdlog::debug("{} subscribers remain", c.owner->routing.subscribers.size());
     uv_close(reinterpret_cast<uv_handle_t *>(&c.tcp), on_closed);
@@ -178,13 +180,9 @@ static void act_on_total_limit(server &s)
     }
 }
 
-bool client_enqueue(void *context, connection_id to, outgoing item)
+static bool enqueue(client &c, outgoing item)
 {
-    server &s = *static_cast<server *>(context);
-    const auto at = s.clients.find(to);
-    if (at == s.clients.end() || !takes_items(*at->second))
-        return false;
-    client &c = *at->second;
+    server &s = *c.owner;
     const uint64_t before = c.queue.dropped;
     const auto hard = static_cast<size_t>(s.config.queueHard);
     const put_result put = send_queue_put(c.queue, hard, s.policy, std::move(item));
@@ -198,6 +196,24 @@ bool client_enqueue(void *context, connection_id to, outgoing item)
     if (s.pool.octets > static_cast<size_t>(s.config.queueTotal))
         act_on_total_limit(s);
     return put == put_result::taken && c.doom.empty();
+}
+
+static bool enqueue_traced(client &c, outgoing item)
+{
+    const outgoing copy = item;
+    const bool taken = enqueue(c, std::move(item));
+    administration_trace_out(c, copy, taken);
+    return taken;
+}
+
+bool client_enqueue(void *context, connection_id to, outgoing item)
+{
+    const server &s = *static_cast<server *>(context);
+    const auto at = s.clients.find(to);
+    if (at == s.clients.end() || !takes_items(*at->second))
+        return false;
+    client &c = *at->second;
+    return c.traced ? enqueue_traced(c, std::move(item)) : enqueue(c, std::move(item));
 }
 
 /* ---- Deadlines ---- */
@@ -273,8 +289,8 @@ static void count_batch(client &c)
     for (const queued_item &entry : c.queue.writing) {
         const size_t octets = outgoing_size(entry.item);
         const uint64_t events = entry.item.shared != nullptr ? 1 : 0;
-        c.octetsOut += octets;
-        all.octetsOut += octets;
+        c.bytesOut += octets;
+        all.bytesOut += octets;
         c.eventsOut += events;
         all.eventsOut += events;
     }
@@ -362,8 +378,8 @@ static void take_input(client &c, std::string_view bytes)
     if (s.stopping)
         return;
     c.heardAt = uv_now(&s.loop);
-    c.octetsIn += bytes.size();
-    s.counters.octetsIn += bytes.size();
+    c.bytesIn += bytes.size();
+    s.counters.bytesIn += bytes.size();
     const bool wasConnected = c.talk.reader.connected;
     const size_t subscribers = s.routing.subscribers.size();
     std::string why;

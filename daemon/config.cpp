@@ -26,6 +26,9 @@ static constexpr config_key keys[] = {
     {"stop_seconds", &configuration::stopSeconds, 0, 3600, "", true,
      "time for writing what is queued when told to stop"},
 
+    {"admin.socket", &configuration::adminSocket, 0, 0, "", false,
+     "path of the administration socket; auto for the usual place, empty for none"},
+
     {"log.level", &configuration::logLevel, 0, 0, "debug info warning error", true,
      "least priority that is logged"},
     {"log.lines_per_second", &configuration::logLines, 1, 1e6, "", true,

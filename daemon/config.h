@@ -20,6 +20,8 @@ struct configuration {
     std::string instance;
     double stopSeconds = 5;
 
+    std::string adminSocket = "auto"; /* "auto": where clients look for it; empty: none */
+
     std::string logLevel = "info";
     int64_t logLines = 20;
 

@@ -143,6 +143,7 @@ static constexpr option_of_key optionsOfKeys[] = {
     {"--port", "port"},
     {"--instance", "instance"},
     {"--stop-seconds", "stop_seconds"},
+    {"--admin", "admin.socket"},
     {"--log-level", "log.level"},
     {"--max-clients", "limits.clients"},
     {"--max-body", "limits.body"},

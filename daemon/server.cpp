@@ -50,6 +50,7 @@ static void begin_stop(server &s)
     for (const auto &[id, c] : s.clients)
         s.unfinished += c->closing ? 0 : 1;
     listening_stop(s);
+    administration_stop(s);
     uv_timer_stop(&s.watchTimer);
     if (s.clients.empty())
         return server_close_handles(s);
@@ -118,12 +119,14 @@ static void reread_configuration(server &s)
     }
     configuration wanted;
     if (!s.options->reread(wanted)) {
+        s.counters.configurationsRefused++;
         spdlog::error("SIGHUP: the configuration is refused, nothing changes");
         return;
     }
     configuration next = s.config;
     const size_t changes = take_changes(wanted, next);
     apply_configuration(s, next);
+    s.counters.configurationsRead++;
     spdlog::info("SIGHUP: configuration read, {} keys changed", changes);
 }
 
@@ -175,8 +178,9 @@ bool server_run(const server_options &options)
         spdlog::error("cannot set up the event loop");
         return false;
     }
+    s->startedAt = uv_now(&s->loop);
     start_handles(*s);
-    const bool started = listening_start(*s);
+    const bool started = listening_start(*s) && administration_start(*s);
     if (started)
         announce(*s);
     else

@@ -1,6 +1,6 @@
 /* The records of the socket side and what its sources call of each other: server.cpp runs and stops it,
- * listening.cpp accepts, client.cpp reads, writes and ends. One loop thread does everything, so nothing here
- * is locked.
+ * listening.cpp accepts, client.cpp reads, writes and ends, administration.cpp tells. One loop thread does
+ * everything, so nothing here is locked.
  *
  * A client record lives in server.clients until its handle is closed; `closing` marks the time in between, in
  * which nothing is sent to it any more. The engine's outlet only queues: it is called in the middle of
@@ -8,7 +8,9 @@
  * ends the clients that cannot go on. */
 #pragma once
 
+#include "admin_socket.h"
 #include "config.h"
+#include "counters.h"
 #include "engine.h"
 #include "send_queue.h"
 #include "server.h"
@@ -36,20 +38,12 @@ struct client {
     uint64_t acceptedAt = 0;    /* loop time, milliseconds, as are the next two */
     uint64_t heardAt = 0;       /* when something came from it */
     uint64_t overSoftSince = 0; /* 0: its queue is within the soft limit */
-    uint64_t eventsOut = 0, octetsIn = 0, octetsOut = 0;
+    uint64_t eventsOut = 0, bytesIn = 0, bytesOut = 0;
+    bool traced = false;   /* somebody wants to see what it sends and is sent */
     bool dirty = false;    /* in server.dirty */
     bool finished = false; /* our side of the connection has been shut down */
     bool closing = false;
     std::string doom; /* why it must be ended at the next settle() */
-};
-
-struct server_counters {
-    uint64_t accepted = 0;
-    uint64_t acceptFailures = 0; /* pauses of listening for want of descriptors or memory */
-    uint64_t refused = 0;        /* above the limit of clients */
-    uint64_t endedProtocol = 0, endedQueue = 0, endedTime = 0, endedSocket = 0;
-    uint64_t droppedSoft = 0, droppedHard = 0, droppedTotal = 0; /* items, by the limit that acted */
-    uint64_t eventsOut = 0, octetsIn = 0, octetsOut = 0;
 };
 
 struct listener {
@@ -67,6 +61,8 @@ struct server {
     uv_timer_t stopTimer{};
     uv_timer_t gatherTimer{}; /* runs while the engine gathers membership changes */
     uv_timer_t watchTimer{};  /* runs while some client has a deadline */
+    admin_socket admin;
+    uint64_t startedAt = 0; /* loop time */
     const server_options *options = nullptr;
     configuration config; /* in use */
     queue_policy policy = queue_policy::disconnect;
@@ -93,6 +89,17 @@ void server_close_handles(server &s);
 /* False when it could not; the reason has been logged. */
 bool listening_start(server &s);
 void listening_stop(server &s);
+
+/* ---- administration.cpp ---- */
+
+/* Opens the administration socket when one is wanted. False when the one that was asked for by name cannot
+ * be; the reason has been logged. */
+bool administration_start(server &s);
+void administration_stop(server &s);
+
+/* For clients that are traced. */
+void administration_trace_out(const client &c, const outgoing &item, bool taken);
+void administration_trace_end(const client &c);
 
 /* ---- client.cpp ---- */
 

@@ -61,6 +61,14 @@ static bool handle(session &session, engine &engine, const daemon_identity &iden
     return true;
 }
 
+static void note(session &session, const message &what)
+{
+    if (std::holds_alternative<std::shared_ptr<event>>(what))
+        session.events++;
+    if (session.tap.taken != nullptr)
+        session.tap.taken(session.tap.context, session.id, what);
+}
+
 bool session_take(session &session, engine &engine, const daemon_identity &identity, std::string_view bytes,
                   std::string &why)
 {
@@ -74,6 +82,7 @@ bool session_take(session &session, engine &engine, const daemon_identity &ident
             why = session.reader.error;
             return false;
         case read_result::complete:
+            note(session, what);
             if (!handle(session, engine, identity, what, why))
                 return false;
         }

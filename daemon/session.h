@@ -14,12 +14,20 @@
 namespace zebd
 {
 
+/* Sees every message of one session before it is carried out; for tracing. Null while nobody looks. */
+struct message_tap {
+    void *context = nullptr;
+    void (*taken)(void *context, connection_id from, const message &what) = nullptr;
+};
+
 struct session {
     connection_id id = 0;
     message_reader reader;
     std::string formFactor; /* as the client sent them at the connect; known from then on */
     std::string selfId;
-    std::string pid; /* taken out of the self id, empty when it has none */
+    std::string pid;     /* taken out of the self id, empty when it has none */
+    uint64_t events = 0; /* that it has published */
+    message_tap tap;
 };
 
 /* Takes bytes in and does what they ask. Returns false when the conversation is over; WHY then is one line.

@@ -1,5 +1,6 @@
 #include "process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -229,6 +230,8 @@ uint16_t ready_port(const running &daemon)
 void start_zebd(zebd &daemon, const arguments &options, const environment &env)
 {
     arguments command = {ZEBD_PATH, "--port", "0", "--ready-fd", "3", "--log-level", "debug"};
+    if (std::find(options.begin(), options.end(), "--admin") == options.end())
+        command.insert(command.end(), {"--admin", ""});
     command.insert(command.end(), options.begin(), options.end());
     start(daemon, command, env, true);
     daemon.port = ready_port(daemon);

@@ -1,0 +1,45 @@
+/* What the daemon tells about itself, as plain values, and where administration gets it from. */
+#pragma once
+
+#include "counters.h"
+#include "engine.h"
+#include "outgoing.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zebd
+{
+
+struct daemon_report {
+    daemon_identity identity;
+    int64_t pid = 0;
+    uint16_t port = 0;
+    double uptimeSeconds = 0;
+    size_t clients = 0, subscribers = 0;
+    size_t queuedBytes = 0; /* of all queues, what is shared counted once */
+    size_t memoryBytes = 0; /* resident */
+    uint64_t logSuppressed = 0;
+    server_counters server;
+    engine_counters engine;
+};
+
+struct client_report {
+    connection_id id = 0;
+    std::string address, selfId, formFactor;
+    size_t subscribers = 0, queuedBytes = 0, queuedItems = 0;
+    uint64_t eventsIn = 0, eventsOut = 0, bytesIn = 0, bytesOut = 0, dropped = 0;
+    double connectedSeconds = 0;
+};
+
+/* Read-only: nothing that administration asks changes how clients are served. */
+struct report_source {
+    const void *context = nullptr;
+    daemon_report (*report)(const void *context) = nullptr;
+    std::vector<client_report> (*clients)(const void *context) = nullptr; /* by id */
+    bool (*hasClient)(const void *context, connection_id id) = nullptr;
+    const engine *routing = nullptr;
+};
+
+} // namespace zebd
