@@ -20,13 +20,56 @@ static int64_t now_milliseconds()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+/* ---- Telling the service manager ---- */
+
+static void tell_manager(const server &s, const std::string &lines)
+{
+    if (!notify(s.manager, lines))
+        log_limited(log_kind::manager, spdlog::level::warn, "the service manager could not be told: {}",
+                    std::strerror(errno));
+}
+
+static std::string status_line(const server &s)
+{
+    return "STATUS=" + std::to_string(s.clients.size()) + " clients, " +
+           std::to_string(s.routing.subscribers.size()) + " subscribers on port " + std::to_string(s.port) +
+           "\n";
+}
+
+static void tell_ready(const server &s)
+{
+    tell_manager(s, "READY=1\n" + status_line(s));
+}
+
+static void tell_reloading(const server &s)
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t microseconds = static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+    tell_manager(s, "RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds) + "\n");
+}
+
+static void on_life_due(uv_timer_t *timer)
+{
+    const server &s = *static_cast<server *>(timer->data);
+    tell_manager(s, "WATCHDOG=1\n" + status_line(s));
+}
+
+/* Twice as often as expected, so that one that is late does no harm. */
+static void start_signs_of_life(server &s)
+{
+    const uint64_t period = s.manager.watchdogMicroseconds / 2000;
+    if (s.manager.watchdogMicroseconds > 0)
+        uv_timer_start(&s.lifeTimer, on_life_due, 0, period > 0 ? period : 1);
+}
+
 /* ---- Stopping ---- */
 
 void server_close_handles(server &s)
 {
     for (uv_signal_t &handle : s.signals)
         uv_close(reinterpret_cast<uv_handle_t *>(&handle), nullptr);
-    for (uv_timer_t *timer : {&s.stopTimer, &s.gatherTimer, &s.watchTimer, &s.resumeTimer})
+    for (uv_timer_t *timer : {&s.stopTimer, &s.gatherTimer, &s.watchTimer, &s.resumeTimer, &s.lifeTimer})
         uv_close(reinterpret_cast<uv_handle_t *>(timer), nullptr);
 }
 
@@ -66,6 +109,7 @@ static void on_stop_signal(server &s, int number)
         spdlog::warn("second signal: stopping at once");
         return end_all(s);
     }
+    tell_manager(s, "STOPPING=1\n");
     spdlog::info("stopping on {}: {} clients", number == SIGTERM ? "SIGTERM" : "SIGINT", s.clients.size());
     begin_stop(s);
 }
@@ -132,16 +176,24 @@ static void reread_configuration(server &s)
 
 /* ---- Running ---- */
 
+/* Ready again whether or not the new configuration was taken. */
+static void reload(server &s)
+{
+    tell_reloading(s);
+    reread_configuration(s);
+    tell_ready(s);
+}
+
 static void on_signal(uv_signal_t *handle, int number)
 {
     server &s = *static_cast<server *>(handle->data);
     if (number != SIGHUP)
         on_stop_signal(s, number);
     else if (!s.stopping)
-        reread_configuration(s);
+        reload(s);
 }
 
-static void announce(const server &s)
+static void announce_on_descriptor(const server &s)
 {
     const int fd = s.options->readyFd;
     if (fd < 0)
@@ -152,6 +204,13 @@ static void announce(const server &s)
     close(fd);
 }
 
+static void announce(server &s)
+{
+    announce_on_descriptor(s);
+    tell_ready(s);
+    start_signs_of_life(s);
+}
+
 static void start_handles(server &s)
 {
     static constexpr int numbers[] = {SIGTERM, SIGINT, SIGHUP};
@@ -160,7 +219,7 @@ static void start_handles(server &s)
         s.signals[i].data = &s;
         uv_signal_start(&s.signals[i], on_signal, numbers[i]);
     }
-    for (uv_timer_t *timer : {&s.stopTimer, &s.gatherTimer, &s.watchTimer, &s.resumeTimer}) {
+    for (uv_timer_t *timer : {&s.stopTimer, &s.gatherTimer, &s.watchTimer, &s.resumeTimer, &s.lifeTimer}) {
         uv_timer_init(&s.loop, timer);
         timer->data = &s;
     }
@@ -180,6 +239,8 @@ bool server_run(const server_options &options)
     }
     s->startedAt = uv_now(&s->loop);
     start_handles(*s);
+    if (!notifier_open(s->manager))
+        spdlog::warn("NOTIFY_SOCKET names no socket: the service manager is told nothing");
     const bool started = listening_start(*s) && administration_start(*s);
     if (started)
         announce(*s);

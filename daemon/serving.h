@@ -12,6 +12,7 @@
 #include "config.h"
 #include "counters.h"
 #include "engine.h"
+#include "notify.h"
 #include "send_queue.h"
 #include "server.h"
 #include "session.h"
@@ -61,6 +62,8 @@ struct server {
     uv_timer_t stopTimer{};
     uv_timer_t gatherTimer{}; /* runs while the engine gathers membership changes */
     uv_timer_t watchTimer{};  /* runs while some client has a deadline */
+    uv_timer_t lifeTimer{};   /* runs while the service manager expects signs of life */
+    notifier manager;
     admin_socket admin;
     uint64_t startedAt = 0; /* loop time */
     const server_options *options = nullptr;
