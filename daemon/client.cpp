@@ -383,7 +383,7 @@ static void take_input(client &c, std::string_view bytes)
     const bool wasConnected = c.talk.reader.connected;
     const size_t subscribers = s.routing.subscribers.size();
     std::string why;
-    const bool goesOn = session_take(c.talk, s.routing, s.options->identity, bytes, why);
+    const bool goesOn = session_take(c.talk, s.routing, bytes, why);
     if (!wasConnected && c.talk.reader.connected && goesOn)
         log_limited(log_kind::connected, spdlog::level::info, "{} connected", client_name(c));
     if (subscribers != s.routing.subscribers.size())

@@ -9,8 +9,10 @@
 #pragma once
 
 #include "index.h"
+#include "membership.h"
 #include "message.h"
 #include "outgoing.h"
+#include "subscriber.h"
 
 #include <cstdint>
 #include <map>
@@ -23,16 +25,6 @@
 namespace zebd
 {
 
-using connection_id = uint64_t;
-
-struct outlet {
-    void *context = nullptr;
-    /* Queues ITEM. False when it was not taken: the connection is ending, or its limits drop the item. */
-    bool (*send)(void *context, connection_id to, outgoing item) = nullptr;
-    /* Asks for one engine_flush() after that many milliseconds. A request that is pending stays as it is. */
-    void (*wake)(void *context, uint32_t milliseconds) = nullptr;
-};
-
 /* Sees every event that is routed; for monitoring. Null while nobody looks. */
 struct observer {
     void *context = nullptr;
@@ -43,16 +35,10 @@ struct observer {
 
 struct engine_limits {
     language_limits language;
-    size_t subscribers = 100000; /* of one connection */
-    size_t streams = 1024;       /* open streams of one connection */
-};
-
-/* A registered subscriber. Its serial is never used again: a subscriber that registers anew under the same
- * identifier is another one. */
-struct subscriber {
-    uint64_t serial = 0;
-    connection_id connection = 0;
-    subscribe_request request;
+    size_t subscribers = 100000;                  /* of one connection */
+    size_t streams = 1024;                        /* open streams of one connection */
+    size_t address = size_t{256} * 1024;          /* octets of one subscriber's address */
+    size_t addresses = size_t{512} * 1024 * 1024; /* octets of all addresses, so of any list of members */
 };
 
 struct engine_connection {
@@ -63,7 +49,8 @@ struct engine_connection {
 
 struct engine_counters {
     uint64_t taken = 0;          /* events that came in */
-    uint64_t delivered = 0;      /* event copies handed to the outlet */
+    uint64_t delivered = 0;      /* event copies that the outlet took */
+    uint64_t dropped = 0;        /* event copies that it did not take */
     uint64_t unroutable = 0;     /* without destination, of a class that is never broadcast */
     uint64_t addressGone = 0;    /* destinations of directed events that could not be found */
     uint64_t streamsRefused = 0; /* pieces dropped because too many streams were open */
@@ -74,15 +61,19 @@ struct engine {
     outlet out;
     observer watch;
     int64_t (*now)() = nullptr; /* milliseconds since 1970 */
+    daemon_identity identity;   /* told to clients, and part of every address */
     engine_limits limits;
 
     uint64_t lastSerial = 0;
-    std::unordered_map<uint64_t, subscriber> subscribers;             /* by serial */
+    subscriber_table subscribers;
+    size_t addressOctets = 0; /* of all subscribers */
+    membership members;
     std::unordered_map<connection_id, engine_connection> connections; /* those with subscribers or streams */
     subscription_index index;
     engine_counters counters;
-    std::vector<uint64_t> receivers;       /* of the event at hand; kept for its room */
-    std::vector<property_view> properties; /* likewise */
+    std::vector<uint64_t> receivers;            /* of the event at hand; kept for its room */
+    std::vector<property_view> properties;      /* likewise */
+    std::vector<std::string_view> destinations; /* likewise */
 };
 
 /* Registers a subscriber of CONNECTION, in place of one with the same identifier. Returns false when it is
@@ -99,14 +90,17 @@ void engine_connection_gone(engine &engine, connection_id connection);
  * subscription matches, also on the same connection; a piece of a stream to those that got its head. */
 void engine_publish(engine &engine, connection_id connection, const std::shared_ptr<const event> &what);
 
-/* Hands an event to the given subscribers, in this order; those that are gone are counted. */
-void engine_send_to(engine &engine, const std::shared_ptr<const event> &what,
+/* Hands an event that CONNECTION published to the given subscribers and nobody else; those that are gone are
+ * counted. A receiver that does not know yet of the one who sends is told of it first. */
+void engine_send_to(engine &engine, connection_id connection, const std::shared_ptr<const event> &what,
                     std::span<const uint64_t> receivers);
 
 /* Sends the membership changes gathered since the outlet was asked to wake the engine. */
 void engine_flush(engine &engine);
 
-/* Takes an event from CONNECTION and routes it, directed or not. */
-void engine_take(engine &engine, connection_id connection, const std::shared_ptr<const event> &what);
+/* Takes an event from CONNECTION and routes it, directed or not. Returns false, with WHY in one line, when
+ * its list of destinations is broken: nothing that follows it can be trusted either. */
+bool engine_take(engine &engine, connection_id connection, const std::shared_ptr<const event> &what,
+                 std::string &why);
 
 } // namespace zebd

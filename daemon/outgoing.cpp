@@ -8,7 +8,13 @@ std::array<std::string_view, outgoing_pieces> outgoing_bytes(const outgoing &ite
 {
     if (item.shared == nullptr)
         return {item.text};
-    return {item.shared->before, item.text, item.shared->after, item.shared->body};
+    const std::string_view addresses = item.shared->addresses;
+    return {item.shared->before,
+            item.text,
+            item.shared->after,
+            item.shared->body,
+            addresses.substr(0, item.leftOut.offset),
+            addresses.substr(item.leftOut.offset + item.leftOut.length)};
 }
 
 size_t outgoing_size(const outgoing &item)
@@ -21,25 +27,31 @@ size_t outgoing_size(const outgoing &item)
 
 /* The names of the two time headers have twelve characters because clients skip that many without reading
  * them. */
-static std::string after_identifier(const event &source, int64_t deliveredAt)
+static std::string time_lines(int64_t created, int64_t delivered)
 {
-    std::string text = "\r\n";
-    text += source.text(source.identity);
-    text += "creationTime: " + std::to_string(source.takenAt) + "\r\n";
-    text += "deliveryTime: " + std::to_string(deliveredAt) + "\r\n";
-    text += source.text(source.origin);
-    text += "Content-Length: " + std::to_string(source.body.length) + "\r\n";
-    text += "AddrList-Length: 0\r\n\r\n";
-    return text;
+    return "creationTime: " + std::to_string(created) + "\r\ndeliveryTime: " + std::to_string(delivered) +
+           "\r\n";
 }
 
-std::shared_ptr<const encoded_event> encode_event(std::shared_ptr<const event> source, int64_t deliveredAt)
+static std::string length_lines(size_t body, size_t addresses)
+{
+    return "Content-Length: " + std::to_string(body) + "\r\nAddrList-Length: " + std::to_string(addresses) +
+           "\r\n\r\n";
+}
+
+std::shared_ptr<const encoded_event> encode_event(std::shared_ptr<const event> source, int64_t deliveredAt,
+                                                  std::string addresses)
 {
     auto result = std::make_shared<encoded_event>();
     result->before = "POST /event HTTP/1.1\r\nclassName: ";
     result->before += event_class_name(source->cls);
     result->before += "\r\nSubscriberID: ";
-    result->after = after_identifier(*source, deliveredAt);
+    result->after = "\r\n";
+    result->after += source->text(source->identity);
+    result->after += time_lines(source->takenAt, deliveredAt);
+    result->after += source->text(source->origin);
+    result->after += length_lines(source->body.length, addresses.size());
+    result->addresses = std::move(addresses);
     result->body = source->text(source->body);
     result->source = std::move(source);
     return result;
@@ -48,6 +60,20 @@ std::shared_ptr<const encoded_event> encode_event(std::shared_ptr<const event> s
 outgoing outgoing_event(std::shared_ptr<const encoded_event> shared, int32_t subscriber)
 {
     return {std::move(shared), std::to_string(subscriber)};
+}
+
+/* The length differs between receivers, so the whole header is their own text. */
+outgoing outgoing_members(std::shared_ptr<const encoded_event> shared, slice leftOut, int32_t subscriber,
+                          const member_notice &notice)
+{
+    const event_class cls = notice.delta ? event_class::membership_delta : event_class::membership_list;
+    std::string text = "POST /event HTTP/1.1\r\nclassName: ";
+    text += event_class_name(cls);
+    text += "\r\nSubscriberID: " + std::to_string(subscriber);
+    text += "\r\neventType: /ZEB/SYSTEM/MEMBERS\r\neventId: " + notice.id + "\r\n";
+    text += time_lines(notice.at, notice.at);
+    text += length_lines(0, shared->addresses.size() - leftOut.length);
+    return {std::move(shared), std::move(text), false, leftOut};
 }
 
 outgoing outgoing_status(int32_t subscriber, bool success, std::string_view words)
@@ -60,7 +86,7 @@ outgoing outgoing_status(int32_t subscriber, bool success, std::string_view word
     return {nullptr, std::move(text)};
 }
 
-outgoing outgoing_connect_reply(const daemon_identity &identity, uint64_t connection,
+outgoing outgoing_connect_reply(const daemon_identity &identity, connection_id connection,
                                 std::string_view refusal)
 {
     std::string text = "POST /connect HTTP/1.1\r\nVersion: 4\r\nResult: ";

@@ -232,6 +232,7 @@ bool server_run(const server_options &options)
     s->options = &options;
     s->routing.out = {s.get(), client_enqueue, client_wake};
     s->routing.now = now_milliseconds;
+    s->routing.identity = options.identity;
     apply_configuration(*s, options.config);
     if (uv_loop_init(&s->loop) != 0) {
         spdlog::error("cannot set up the event loop");

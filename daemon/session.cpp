@@ -20,8 +20,7 @@ static std::string pid_of(std::string_view selfId)
     return std::string(selfId.substr(0, selfId.find_first_not_of("0123456789")));
 }
 
-static bool handle_connect(session &session, engine &engine, const daemon_identity &identity,
-                           const connect_request &request, std::string &why)
+static bool handle_connect(session &session, engine &engine, const connect_request &request, std::string &why)
 {
     session.formFactor = request.formFactor;
     session.selfId = request.selfId;
@@ -29,7 +28,7 @@ static bool handle_connect(session &session, engine &engine, const daemon_identi
     const bool served = request.version == protocolVersion;
     if (!served)
         why = "protocol version '" + printable(request.version) + "' is not served";
-    reply(session, engine, outgoing_connect_reply(identity, session.id, served ? "" : why));
+    reply(session, engine, outgoing_connect_reply(engine.identity, session.id, served ? "" : why));
     return served;
 }
 
@@ -41,23 +40,23 @@ static void handle_subscribe(session &session, engine &engine, subscribe_request
     reply(session, engine, outgoing_status(id, accepted, accepted ? "subscribed" : why));
 }
 
-static void handle_event(const session &session, engine &engine, const std::shared_ptr<event> &taken)
+static bool handle_event(const session &session, engine &engine, const std::shared_ptr<event> &taken,
+                         std::string &why)
 {
     taken->takenAt = engine.now();
-    engine_take(engine, session.id, taken);
+    return engine_take(engine, session.id, taken, why);
 }
 
-static bool handle(session &session, engine &engine, const daemon_identity &identity, message &what,
-                   std::string &why)
+static bool handle(session &session, engine &engine, message &what, std::string &why)
 {
     if (auto *connect = std::get_if<connect_request>(&what))
-        return handle_connect(session, engine, identity, *connect, why);
+        return handle_connect(session, engine, *connect, why);
     if (auto *subscribe = std::get_if<subscribe_request>(&what))
         handle_subscribe(session, engine, std::move(*subscribe));
     else if (auto *unsubscribe = std::get_if<unsubscribe_request>(&what))
         engine_down(engine, session.id, unsubscribe->id);
     else if (auto *taken = std::get_if<std::shared_ptr<event>>(&what))
-        handle_event(session, engine, *taken);
+        return handle_event(session, engine, *taken, why);
     return true;
 }
 
@@ -69,8 +68,7 @@ static void note(session &session, const message &what)
         session.tap.taken(session.tap.context, session.id, what);
 }
 
-bool session_take(session &session, engine &engine, const daemon_identity &identity, std::string_view bytes,
-                  std::string &why)
+bool session_take(session &session, engine &engine, std::string_view bytes, std::string &why)
 {
     message_reader_feed(session.reader, bytes);
     message what;
@@ -83,7 +81,7 @@ bool session_take(session &session, engine &engine, const daemon_identity &ident
             return false;
         case read_result::complete:
             note(session, what);
-            if (!handle(session, engine, identity, what, why))
+            if (!handle(session, engine, what, why))
                 return false;
         }
     }

@@ -32,7 +32,6 @@ struct session {
 
 /* Takes bytes in and does what they ask. Returns false when the conversation is over; WHY then is one line.
  */
-bool session_take(session &session, engine &engine, const daemon_identity &identity, std::string_view bytes,
-                  std::string &why);
+bool session_take(session &session, engine &engine, std::string_view bytes, std::string &why);
 
 } // namespace zebd

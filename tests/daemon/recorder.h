@@ -48,5 +48,6 @@ inline zebd::engine engineWith(recorder &out)
     zebd::engine engine;
     engine.out = {&out, recorder::take, recorder::wake};
     engine.now = fixedClock;
+    engine.identity = {"1.2.3", "node1", "east", 77};
     return engine;
 }

@@ -162,7 +162,7 @@ std::shared_ptr<const encoded_event> event_of(size_t body)
     auto source = std::make_shared<event>();
     source->raw.assign(body, 'x');
     source->body = {0, static_cast<uint32_t>(body)};
-    return encode_event(std::move(source), 1);
+    return encode_event(std::move(source), 1, "");
 }
 
 TEST_F(Queue, ASharedEventCountsInEveryQueueButOnceInThePool)

@@ -12,7 +12,6 @@ namespace
 struct Session : testing::Test {
     recorder out;
     engine routing = engineWith(out);
-    daemon_identity identity{"1.2.3", "node1", "east", 77};
     session talk;
     std::string why;
 
@@ -23,7 +22,7 @@ struct Session : testing::Test {
 
     bool take(std::string_view bytes)
     {
-        return session_take(talk, routing, identity, bytes, why);
+        return session_take(talk, routing, bytes, why);
     }
 };
 
@@ -141,6 +140,13 @@ TEST_F(Session, ABrokenEventEndsTheConversationWithItsLineAndReason)
     EXPECT_TRUE(take(wire::connect));
     EXPECT_FALSE(take(wire::with(wire::messageEvent, "eventId: ", "eventID: ")));
     EXPECT_EQ(why, "line 5: 'eventID: node1:911' instead of 'eventId: '");
+}
+
+TEST_F(Session, ABrokenAddressListEndsTheConversationWithItsReason)
+{
+    EXPECT_TRUE(take(wire::connect));
+    EXPECT_FALSE(take(wire::stateEvent));
+    EXPECT_EQ(why, "address list: no signature, 4 octets before its end");
 }
 
 TEST_F(Session, WhatCameBeforeTheErrorHasBeenCarriedOut)

@@ -1,0 +1,295 @@
+/* Telling is done by entry, that is by distinct interest. A telling holds what has changed for one entry and
+ * the lists made out for it so far, so that watchers that know equally much share them. */
+#include "membership.h"
+
+#include <algorithm>
+#include <map>
+
+namespace zebd
+{
+
+/* ---- Joining and leaving ---- */
+
+/* A note that has been begun goes on without watchers, so that every joining in it has its leaving. */
+static bool takes_notes(const membership &members)
+{
+    return !members.interests.filed.empty() || !members.log.empty();
+}
+
+void membership_join(membership &members, const subscriber &member, subscription interest)
+{
+    address_index_add(members.addresses, member);
+    if (interest.scope != subscription::scope_t::nothing) {
+        index_add(members.interests, member.serial, std::move(interest));
+        members.fresh.insert(member.serial);
+    }
+    if (!takes_notes(members))
+        return;
+    members.joinedAt.emplace(member.serial, members.log.size());
+    members.log.push_back({member.serial, nullptr});
+}
+
+void membership_leave(membership &members, subscriber gone)
+{
+    address_index_remove(members.addresses, gone);
+    index_remove(members.interests, gone.serial);
+    members.fresh.erase(gone.serial);
+    members.told.erase(gone.serial);
+    if (!takes_notes(members))
+        return;
+    members.leftAt.emplace(gone.serial, members.log.size());
+    members.log.push_back({gone.serial, std::make_unique<subscriber>(std::move(gone))});
+}
+
+bool membership_pending(const membership &members)
+{
+    return !members.fresh.empty() || !members.log.empty();
+}
+
+/* ---- Looking members up ---- */
+
+/* The member that a note is about. One that joined and left again is found where its leaving is noted. */
+static const subscriber &member_of(const membership &members, const member_context &context,
+                                   const member_change &change)
+{
+    if (change.gone != nullptr)
+        return *change.gone;
+    const auto left = members.leftAt.find(change.serial);
+    return left != members.leftAt.end() ? *members.log[left->second].gone
+                                        : context.subscribers.at(change.serial);
+}
+
+static bool satisfies(const subscriber &member, const subscription &interest, const member_context &context)
+{
+    std::vector<property_view> properties;
+    return subscription_matches(interest, address_subject(member, context.identity, properties));
+}
+
+/* Everybody that satisfies INTEREST, oldest first. */
+static std::vector<const subscriber *> find_members(const membership &members, const member_context &context,
+                                                    const subscription &interest)
+{
+    std::vector<uint64_t> candidates;
+    if (!address_index_find(members.addresses, interest, candidates)) {
+        for (const auto &[serial, member] : context.subscribers)
+            candidates.push_back(serial);
+        std::sort(candidates.begin(), candidates.end());
+    }
+    std::vector<const subscriber *> found;
+    for (const uint64_t serial : candidates) {
+        const subscriber &member = context.subscribers.at(serial);
+        if (satisfies(member, interest, context))
+            found.push_back(&member);
+    }
+    return found;
+}
+
+/* ---- Telling ---- */
+
+struct shared_list {
+    std::shared_ptr<const encoded_event> encoded; /* null until somebody needs it */
+    std::vector<address_place> places;            /* those of current members, by serial */
+    size_t count = 0;
+};
+
+/* What is new for watchers that know the log up to some place. */
+struct news {
+    std::vector<const subscriber *> added, removed;
+    shared_list list;
+};
+
+struct telling {
+    membership &members;
+    const member_context &context;
+    const index_entry &entry;
+    std::vector<size_t> changes; /* places in the log that concern this interest, ascending */
+    shared_list everybody, everybodyAdded;
+    std::map<size_t, news> since;
+};
+
+static void add_all(address_list &list, std::string_view role, const std::vector<const subscriber *> &some)
+{
+    for (const subscriber *one : some)
+        address_list_add(list, role, *one);
+}
+
+static void encode_list(shared_list &shared, address_list &&list, size_t current)
+{
+    auto encoded = std::make_shared<encoded_event>();
+    shared.count = list.places.size();
+    list.places.resize(current);
+    shared.places = std::move(list.places);
+    encoded->addresses = std::move(list.octets);
+    shared.encoded = std::move(encoded);
+}
+
+static const shared_list &list_of_everybody(telling &t, bool asAdded)
+{
+    shared_list &shared = asAdded ? t.everybodyAdded : t.everybody;
+    if (shared.encoded == nullptr) {
+        const auto all = find_members(t.members, t.context, t.entry.sub);
+        address_list list;
+        add_all(list, asAdded ? roleAdded : roleMember, all);
+        encode_list(shared, std::move(list), all.size());
+    }
+    return shared;
+}
+
+/* Who joined and left again since START is no news at all, so nobody is ever in both lists. */
+static news &news_since(telling &t, size_t start)
+{
+    const auto [at, missing] = t.since.try_emplace(start);
+    news &result = at->second;
+    if (!missing)
+        return result;
+    const membership &m = t.members;
+    for (auto place = std::lower_bound(t.changes.begin(), t.changes.end(), start); place != t.changes.end();
+         ++place) {
+        const member_change &change = m.log[*place];
+        const subscriber *member = &member_of(m, t.context, change);
+        const auto joined = m.joinedAt.find(change.serial);
+        if (change.gone == nullptr && m.leftAt.count(change.serial) == 0)
+            result.added.push_back(member);
+        else if (change.gone != nullptr && (joined == m.joinedAt.end() || joined->second < start))
+            result.removed.push_back(member);
+    }
+    return result;
+}
+
+static const shared_list &list_of_news(news &what)
+{
+    if (what.list.encoded == nullptr) {
+        address_list list;
+        add_all(list, roleAdded, what.added);
+        add_all(list, roleRemoved, what.removed);
+        encode_list(what.list, std::move(list), what.added.size());
+    }
+    return what.list;
+}
+
+/* Where the watcher's own address stands in a list; nowhere, usually. */
+static slice own_place(const shared_list &list, uint64_t serial)
+{
+    const auto at =
+        std::lower_bound(list.places.begin(), list.places.end(), serial,
+                         [](const address_place &place, uint64_t wanted) { return place.serial < wanted; });
+    return at != list.places.end() && at->serial == serial ? at->run : slice();
+}
+
+/* A delta with nothing in it is not sent; an empty list is, since it says something. */
+static bool send_list(telling &t, const subscriber &watcher, const shared_list &list)
+{
+    const bool delta = watcher.request.deltas;
+    const slice own = own_place(list, watcher.serial);
+    const size_t left = list.count - (own.length > 0 ? 1 : 0);
+    if (delta && left == 0)
+        return true;
+    slice leftOut = own;
+    if (left == 0)
+        leftOut = {0, static_cast<uint32_t>(list.encoded->addresses.size())};
+    const member_notice notice{
+        delta, t.context.identity.node + ":members:" + std::to_string(++t.members.notices), t.context.now};
+    return t.context.out.send(t.context.out.context, watcher.connection,
+                              outgoing_members(list.encoded, leftOut, watcher.request.id, notice));
+}
+
+/* Returns false when the watcher's connection takes nothing any more. */
+static bool tell(telling &t, const subscriber &watcher)
+{
+    const bool first = t.members.fresh.count(watcher.serial) > 0;
+    const auto early = t.members.told.find(watcher.serial);
+    const size_t start = early != t.members.told.end() ? early->second : 0;
+    if (first)
+        return send_list(t, watcher, list_of_everybody(t, watcher.request.deltas));
+    news &what = news_since(t, start);
+    if (what.added.empty() && what.removed.empty())
+        return true;
+    return send_list(t, watcher, watcher.request.deltas ? list_of_news(what) : list_of_everybody(t, false));
+}
+
+/* ---- Early ---- */
+
+/* Whether what WATCHER does not know yet includes that SOURCE has joined. */
+static bool is_news(const membership &members, const member_context &context, const index_entry &entry,
+                    const subscriber &watcher, const subscriber &source)
+{
+    if (members.fresh.count(watcher.serial) > 0)
+        return satisfies(source, entry.sub, context);
+    const auto joined = members.joinedAt.find(source.serial);
+    if (joined == members.joinedAt.end())
+        return false;
+    const auto early = members.told.find(watcher.serial);
+    const bool known = early != members.told.end() && joined->second < early->second;
+    return !known && satisfies(source, entry.sub, context);
+}
+
+void membership_tell_before(membership &members, const member_context &context, const subscriber &watcher,
+                            const subscriber &source)
+{
+    const auto filed = members.interests.filed.find(watcher.serial);
+    if (!membership_pending(members) || watcher.serial == source.serial ||
+        filed == members.interests.filed.end() ||
+        !is_news(members, context, *filed->second.entry, watcher, source))
+        return;
+    telling t{members, context, *filed->second.entry, {}, {}, {}, {}};
+    for (size_t i = 0; i < members.log.size(); i++)
+        if (satisfies(member_of(members, context, members.log[i]), t.entry.sub, context))
+            t.changes.push_back(i);
+    tell(t, watcher);
+    members.fresh.erase(watcher.serial);
+    members.told[watcher.serial] = members.log.size();
+}
+
+/* ---- All ---- */
+
+struct concern {
+    std::vector<size_t> changes;
+    std::vector<uint64_t> fresh;
+};
+
+using concerns = std::unordered_map<index_entry *, concern>;
+
+static concerns find_concerns(membership &members, const member_context &context)
+{
+    concerns result;
+    std::vector<property_view> properties;
+    std::vector<index_entry *> entries;
+    for (size_t i = 0; i < members.log.size(); i++) {
+        const subscriber &member = member_of(members, context, members.log[i]);
+        entries.clear();
+        index_match_entries(members.interests, address_subject(member, context.identity, properties),
+                            entries);
+        for (index_entry *entry : entries)
+            result[entry].changes.push_back(i);
+    }
+    for (const uint64_t serial : members.fresh)
+        result[members.interests.filed.at(serial).entry].fresh.push_back(serial);
+    return result;
+}
+
+/* A connection that does not take a list is ending; making more lists for it would only cost time. */
+static void tell_watchers(telling &t, const std::vector<uint64_t> &watchers,
+                          std::unordered_set<connection_id> &ending)
+{
+    for (const uint64_t serial : watchers) {
+        const subscriber &watcher = t.context.subscribers.at(serial);
+        if (ending.count(watcher.connection) == 0 && !tell(t, watcher))
+            ending.insert(watcher.connection);
+    }
+}
+
+void membership_flush(membership &members, const member_context &context)
+{
+    std::unordered_set<connection_id> ending;
+    for (auto &[entry, concern] : find_concerns(members, context)) {
+        telling t{members, context, *entry, std::move(concern.changes), {}, {}, {}};
+        tell_watchers(t, t.changes.empty() ? concern.fresh : entry->holders, ending);
+    }
+    members.log.clear();
+    members.joinedAt.clear();
+    members.leftAt.clear();
+    members.fresh.clear();
+    members.told.clear();
+}
+
+} // namespace zebd

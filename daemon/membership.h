@@ -1,0 +1,70 @@
+/* Who is told of whom. Every subscriber has an address; one with an interest watches the addresses of the
+ * others that satisfy it. A watcher that asked for deltas gets what has changed, its first delta naming
+ * everybody; any other one gets the full list, oldest first, at its beginning and after each change.
+ *
+ * Changes are gathered: joining and leaving only make a note, and the flush tells all watchers at once. Only
+ * a watcher that is about to hear from a member which it has not been told of is told earlier. Watchers with
+ * equal interests share one encoded list, out of which each one's own address is cut. One thread. */
+#pragma once
+
+#include "address.h"
+#include "addressindex.h"
+#include "index.h"
+#include "outgoing.h"
+#include "subscriber.h"
+
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace zebd
+{
+
+struct member_change {
+    uint64_t serial = 0;
+    std::unique_ptr<subscriber> gone; /* null when it joined */
+};
+
+struct membership {
+    subscription_index interests; /* by watcher; equal interests are one entry */
+    address_index addresses;
+    std::vector<member_change> log; /* since the last flush; kept only while somebody watches */
+    std::unordered_map<uint64_t, size_t> joinedAt; /* where in the log somebody joined */
+    std::unordered_map<uint64_t, size_t> leftAt;   /* where in the log somebody left */
+    std::unordered_set<uint64_t> fresh;            /* watchers that have not been told anything */
+    std::unordered_map<uint64_t, size_t> told;     /* watchers told early: how much of the log they know */
+    uint64_t notices = 0;                          /* lists and deltas made out so far */
+
+    membership()
+    {
+        interests.kind = subject_kind::address;
+    }
+};
+
+/* What the module looks at while it tells. */
+struct member_context {
+    const subscriber_table &subscribers; /* all that are there now */
+    const daemon_identity &identity;
+    const outlet &out;
+    int64_t now = 0;
+};
+
+/* Notes that MEMBER is there, with what it wants to know of others. */
+void membership_join(membership &members, const subscriber &member, subscription interest);
+
+/* Notes that GONE, which is no longer among the subscribers, has left. */
+void membership_leave(membership &members, subscriber gone);
+
+/* Whether anybody is still to be told anything. */
+bool membership_pending(const membership &members);
+
+/* Tells all watchers what they do not know yet. */
+void membership_flush(membership &members, const member_context &context);
+
+/* Tells WATCHER at once, when what it does not know yet includes that SOURCE has joined. */
+void membership_tell_before(membership &members, const member_context &context, const subscriber &watcher,
+                            const subscriber &source);
+
+} // namespace zebd
