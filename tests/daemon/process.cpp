@@ -141,6 +141,11 @@ bool wait_for_err(running &child, const std::string &text)
     return wait_for(child, child.errText, text);
 }
 
+bool wait_for_more(running &child)
+{
+    return collect(child, deadline());
+}
+
 void poll_output(running &child)
 {
     while (collect(child, std::chrono::steady_clock::now())) {
@@ -227,9 +232,10 @@ uint16_t ready_port(const running &daemon)
     return static_cast<uint16_t>(std::stoi(line.substr(mark.size())));
 }
 
-void start_zebd(zebd &daemon, const arguments &options, const environment &env)
+void start_zebd(zebd &daemon, const arguments &options, const environment &env, uint16_t port)
 {
-    arguments command = {ZEBD_PATH, "--port", "0", "--ready-fd", "3", "--log-level", "debug"};
+    arguments command = {ZEBD_PATH,     "--port", std::to_string(port), "--ready-fd", "3",
+                         "--log-level", "debug"};
     if (std::find(options.begin(), options.end(), "--admin") == options.end())
         command.insert(command.end(), {"--admin", ""});
     command.insert(command.end(), options.begin(), options.end());

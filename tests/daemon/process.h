@@ -46,6 +46,9 @@ void start(running &child, const arguments &command, const environment &env = {}
 bool wait_for_out(running &child, const std::string &text);
 bool wait_for_err(running &child, const std::string &text);
 
+/* Collects once, as soon as something has arrived. False when the time is over or the output ended. */
+bool wait_for_more(running &child);
+
 /* Collects what has arrived by now, without waiting. */
 void poll_output(running &child);
 
@@ -55,12 +58,12 @@ void send_signal(const running &child, int number);
 /* Waits for the end, collecting output. Returns the code as in `outcome`. */
 int finish(running &child);
 
-/* zebd on a port that the kernel chose. `port` is 0 when it did not come up. */
+/* zebd, on a port that the kernel chooses when PORT is 0. `port` is 0 when it did not come up. */
 struct zebd : running {
     uint16_t port = 0;
 };
 /* The port from the ready line of a zebd that was started by hand; 0 when none came. */
 uint16_t ready_port(const running &daemon);
-void start_zebd(zebd &daemon, const arguments &options = {}, const environment &env = {});
+void start_zebd(zebd &daemon, const arguments &options = {}, const environment &env = {}, uint16_t port = 0);
 
 } // namespace process
