@@ -1,0 +1,182 @@
+/* What routing costs in the daemon, without sockets: the outlet only counts. One line for each figure.
+ *
+ *     routing
+ */
+#include "engine.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <malloc.h>
+#include <string>
+
+using namespace zebd;
+
+namespace
+{
+
+struct sink {
+    size_t items = 0, octets = 0;
+};
+
+bool count_item(void *context, connection_id, outgoing item) // NOLINT(performance-unnecessary-value-param)
+{
+    auto &self = *static_cast<sink *>(context);
+    self.items++;
+    self.octets += outgoing_size(item);
+    return true;
+}
+
+void ignore_wake(void *, uint32_t) {}
+
+struct bed {
+    sink out;
+    engine routing;
+
+    bed()
+    {
+        routing.out = {&out, count_item, ignore_wake};
+        routing.now = [] { return int64_t{1700000000000}; };
+        routing.identity = {"0", "bench", "bench", 1};
+    }
+
+    void up(connection_id connection, int32_t id, const std::string &subscription,
+            const std::string &interest = "null", bool deltas = false)
+    {
+        subscribe_request request;
+        request.id = id;
+        request.subscription = subscription;
+        request.interest = interest;
+        request.deltas = deltas;
+        request.component = "bench";
+        request.properties = {{"/ZEB/RPC/SVR", "calculator"}};
+        std::string why;
+        if (!engine_up(routing, connection, std::move(request), why))
+            printf("refused: %s\n", why.c_str());
+    }
+};
+
+/* An event as the reader makes it, with a body of 100 octets. */
+std::shared_ptr<const event> event_of_type(const std::string &type)
+{
+    message_reader reader;
+    message_reader_feed(reader,
+                        "POST /connect HTTP/1.1\r\nVersion: 4 \r\nFormFactor: abc\r\nSelfId: x\r\n\r\n");
+    message_reader_feed(reader,
+                        "POST /event HTTP/1.1\r\nclassName: MessageNotification\r\nSubscriberID: 0\r\n"
+                        "eventType: " +
+                            type +
+                            "\r\neventId: bench:911\r\naffectedComponents: \r\naffectedNodes: \r\n"
+                            "generatingComponent: bench\r\ngeneratingProcess: bench:9\r\n"
+                            "generatingNode: bench\r\ninstanceName: bench\r\nLocalOnly: false\r\n"
+                            "numberOfProperties: 1\r\nsev: 3\r\nContent-Length: 100\r\n"
+                            "AddrList-Length: 0\r\n\r\n" +
+                            std::string(100, 'x'));
+    message what;
+    message_reader_next(reader, what);
+    message_reader_next(reader, what);
+    return std::get<std::shared_ptr<event>>(what);
+}
+
+/* Nanoseconds for one event; the best of several rounds, which is the one least disturbed. */
+double cost_of(bed &b, const std::shared_ptr<const event> &what, int events)
+{
+    double best = 1e18;
+    std::string why;
+    for (int round = 0; round < 15; round++) {
+        const auto begin = std::chrono::steady_clock::now();
+        for (int i = 0; i < events; i++)
+            engine_take(b.routing, 1, what, why);
+        const std::chrono::duration<double, std::nano> took = std::chrono::steady_clock::now() - begin;
+        best = std::min(best, took.count() / events);
+    }
+    return best;
+}
+
+double cost_with_types(int types)
+{
+    bed b;
+    for (int i = 0; i < types; i++)
+        b.up(static_cast<connection_id>(2 + i), 1, "/app/type/" + std::to_string(i));
+    return cost_of(b, event_of_type("/app/type/7"), 20000);
+}
+
+double cost_with_receivers(int receivers, int events)
+{
+    bed b;
+    for (int i = 0; i < receivers; i++)
+        b.up(static_cast<connection_id>(2 + i), 1, "/app/**");
+    return cost_of(b, event_of_type("/app/type/7"), events);
+}
+
+void measure_matching()
+{
+    const double few = cost_with_types(10), many = cost_with_types(10000);
+    printf("event to 1 receiver among 10 types          %8.0f ns\n", few);
+    printf("event to 1 receiver among 10,000 types      %8.0f ns  ratio %.2f\n", many, many / few);
+}
+
+void measure_fan_out()
+{
+    const double one = cost_with_receivers(1, 20000), hundred = cost_with_receivers(100, 500);
+    printf("event to 100 receivers                      %8.0f ns  ratio to 100 events to one %.2f\n", hundred,
+           hundred / (100 * one));
+}
+
+/* A thousand members join within a second, so that they are told of in twenty portions. */
+void measure_joining(bool deltas)
+{
+    bed b;
+    b.up(1, 1, "null", "(\"/ZEB/RPC/SVR=calculator\")", deltas);
+    engine_flush(b.routing);
+    b.out = sink();
+    for (int i = 0; i < 1000; i++) {
+        b.up(static_cast<connection_id>(2 + i), 1, "null");
+        if (i % 50 == 49)
+            engine_flush(b.routing);
+    }
+    printf("1,000 members join, told with %-13s %8.0f octets per member in %zu messages\n",
+           deltas ? "deltas" : "full lists", static_cast<double>(b.out.octets) / 1000, b.out.items);
+}
+
+void measure_mutual_joining()
+{
+    bed b;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000; i++) {
+        b.up(static_cast<connection_id>(1 + i), 1, "null", "(\"/ZEB/RPC/SVR=calculator\")", true);
+        if (i % 50 == 49)
+            engine_flush(b.routing);
+    }
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+    printf("1,000 members join and watch each other     %8.1f ms of routing, %.0f octets per member and "
+           "watcher\n",
+           took.count(), static_cast<double>(b.out.octets) / 1e6);
+}
+
+/* What an idle subscriber keeps allocated: with texts all its own, and with a type that others share. */
+void measure_memory(bool distinct)
+{
+    static constexpr int subscribers = 20000;
+    bed b;
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < subscribers; i++)
+        b.up(static_cast<connection_id>(1 + i / 100), i % 100 + 1,
+             distinct ? "/app/type/" + std::to_string(i) : "/app/**");
+    printf("idle subscriber, %-26s %8zu octets\n", distinct ? "a type of its own" : "a subscription shared",
+           (mallinfo2().uordblks - before) / subscribers);
+}
+
+} // namespace
+
+int main()
+{
+    measure_matching();
+    measure_fan_out();
+    measure_joining(true);
+    measure_joining(false);
+    measure_mutual_joining();
+    measure_memory(true);
+    measure_memory(false);
+    return 0;
+}
