@@ -202,7 +202,7 @@ static std::string addresses_of(const engine &engine, const delivery &how,
 
 static member_context context_of(const engine &engine)
 {
-    return {engine.subscribers, engine.identity, engine.out, engine.now()};
+    return {engine.subscribers, engine.identity, engine.out, engine.now(), engine.lastSerial};
 }
 
 static void tell_before(engine &engine, const delivery &how, const subscriber &receiver)
@@ -298,6 +298,7 @@ void engine_send_to(engine &engine, connection_id connection, const std::shared_
 void engine_flush(engine &engine)
 {
     membership_flush(engine.members, context_of(engine));
+    wake_for_members(engine);
 }
 
 /* ---- Destinations ---- */

@@ -8,6 +8,49 @@
 namespace zebd
 {
 
+/* ---- Pace ---- */
+
+/* After a full list its watcher is left alone for half a millisecond for each address in it. Below a hundred
+ * addresses that is no longer than changes are gathered anyway. */
+static constexpr size_t unpacedLength = 100;
+
+static void forget_pace(membership &members, uint64_t watcher)
+{
+    const auto at = members.paced.find(watcher);
+    if (at == members.paced.end())
+        return;
+    members.owed -= at->second.owed ? 1 : 0;
+    members.paced.erase(at);
+}
+
+static void begin_pace(membership &members, const member_context &context, uint64_t watcher, size_t length)
+{
+    forget_pace(members, watcher);
+    if (length > unpacedLength)
+        members.paced[watcher] = {context.now, context.now + static_cast<int64_t>(length / 2),
+                                  context.lastSerial, false};
+}
+
+/* A clock that was set back ends the wait. */
+static bool has_to_wait(const membership &members, const member_context &context, uint64_t watcher)
+{
+    const auto at = members.paced.find(watcher);
+    return at != members.paced.end() && context.now >= at->second.since && context.now < at->second.until;
+}
+
+static void owe(membership &members, uint64_t watcher)
+{
+    paced_watcher &paced = members.paced.at(watcher);
+    members.owed += paced.owed ? 0 : 1;
+    paced.owed = true;
+}
+
+static bool is_owed(const membership &members, uint64_t watcher)
+{
+    const auto at = members.paced.find(watcher);
+    return at != members.paced.end() && at->second.owed;
+}
+
 /* ---- Joining and leaving ---- */
 
 /* A note that has been begun goes on without watchers, so that every joining in it has its leaving. */
@@ -35,6 +78,7 @@ void membership_leave(membership &members, subscriber gone)
     index_remove(members.interests, gone.serial);
     members.fresh.erase(gone.serial);
     members.told.erase(gone.serial);
+    forget_pace(members, gone.serial);
     if (!takes_notes(members))
         return;
     members.leftAt.emplace(gone.serial, members.log.size());
@@ -43,7 +87,7 @@ void membership_leave(membership &members, subscriber gone)
 
 bool membership_pending(const membership &members)
 {
-    return !members.fresh.empty() || !members.log.empty();
+    return !members.fresh.empty() || !members.log.empty() || members.owed > 0;
 }
 
 /* ---- Looking members up ---- */
@@ -193,34 +237,57 @@ static bool send_list(telling &t, const subscriber &watcher, const shared_list &
                               outgoing_members(list.encoded, leftOut, watcher.request.id, notice));
 }
 
+static bool send_everybody(telling &t, const subscriber &watcher)
+{
+    const shared_list &list = list_of_everybody(t, watcher.request.deltas);
+    if (!watcher.request.deltas)
+        begin_pace(t.members, t.context, watcher.serial, list.count);
+    return send_list(t, watcher, list);
+}
+
+/* How much of the log the watcher knows. */
+static size_t known_log(const membership &members, uint64_t watcher)
+{
+    const auto early = members.told.find(watcher);
+    return early != members.told.end() ? early->second : 0;
+}
+
 /* Returns false when the watcher's connection takes nothing any more. */
 static bool tell(telling &t, const subscriber &watcher)
 {
-    const bool first = t.members.fresh.count(watcher.serial) > 0;
-    const auto early = t.members.told.find(watcher.serial);
-    const size_t start = early != t.members.told.end() ? early->second : 0;
-    if (first)
-        return send_list(t, watcher, list_of_everybody(t, watcher.request.deltas));
-    news &what = news_since(t, start);
+    if (t.members.fresh.count(watcher.serial) > 0 || is_owed(t.members, watcher.serial))
+        return send_everybody(t, watcher);
+    news &what = news_since(t, known_log(t.members, watcher.serial));
     if (what.added.empty() && what.removed.empty())
         return true;
-    return send_list(t, watcher, watcher.request.deltas ? list_of_news(what) : list_of_everybody(t, false));
+    return watcher.request.deltas ? send_list(t, watcher, list_of_news(what)) : send_everybody(t, watcher);
+}
+
+/* The same, in the pace of the watcher. */
+static bool tell_in_time(telling &t, const subscriber &watcher)
+{
+    if (!has_to_wait(t.members, t.context, watcher.serial))
+        return tell(t, watcher);
+    const news &what = news_since(t, known_log(t.members, watcher.serial));
+    if (!what.added.empty() || !what.removed.empty())
+        owe(t.members, watcher.serial);
+    return true;
 }
 
 /* ---- Early ---- */
 
-/* Whether what WATCHER does not know yet includes that SOURCE has joined. */
-static bool is_news(const membership &members, const member_context &context, const index_entry &entry,
+/* Whether what WATCHER does not know yet includes that SOURCE has joined. Serials grow, so who came after a
+ * list has a larger one than all that were there. */
+static bool is_news(const membership &members, const index_entry &entry, const member_context &context,
                     const subscriber &watcher, const subscriber &source)
 {
-    if (members.fresh.count(watcher.serial) > 0)
-        return satisfies(source, entry.sub, context);
     const auto joined = members.joinedAt.find(source.serial);
-    if (joined == members.joinedAt.end())
-        return false;
-    const auto early = members.told.find(watcher.serial);
-    const bool known = early != members.told.end() && joined->second < early->second;
-    return !known && satisfies(source, entry.sub, context);
+    const auto paced = members.paced.find(watcher.serial);
+    const bool inLog =
+        joined != members.joinedAt.end() && joined->second >= known_log(members, watcher.serial);
+    const bool isOwed = is_owed(members, watcher.serial) && source.serial > paced->second.known;
+    return (inLog || isOwed || members.fresh.count(watcher.serial) > 0) &&
+           satisfies(source, entry.sub, context);
 }
 
 void membership_tell_before(membership &members, const member_context &context, const subscriber &watcher,
@@ -229,7 +296,7 @@ void membership_tell_before(membership &members, const member_context &context, 
     const auto filed = members.interests.filed.find(watcher.serial);
     if (!membership_pending(members) || watcher.serial == source.serial ||
         filed == members.interests.filed.end() ||
-        !is_news(members, context, *filed->second.entry, watcher, source))
+        !is_news(members, *filed->second.entry, context, watcher, source))
         return;
     telling t{members, context, *filed->second.entry, {}, {}, {}, {}};
     for (size_t i = 0; i < members.log.size(); i++)
@@ -244,7 +311,7 @@ void membership_tell_before(membership &members, const member_context &context, 
 
 struct concern {
     std::vector<size_t> changes;
-    std::vector<uint64_t> fresh;
+    std::vector<uint64_t> waiting; /* watchers that are told without any change */
 };
 
 using concerns = std::unordered_map<index_entry *, concern>;
@@ -263,7 +330,10 @@ static concerns find_concerns(membership &members, const member_context &context
             result[entry].changes.push_back(i);
     }
     for (const uint64_t serial : members.fresh)
-        result[members.interests.filed.at(serial).entry].fresh.push_back(serial);
+        result[members.interests.filed.at(serial).entry].waiting.push_back(serial);
+    for (const auto &[serial, paced] : members.paced)
+        if (paced.owed && !has_to_wait(members, context, serial))
+            result[members.interests.filed.at(serial).entry].waiting.push_back(serial);
     return result;
 }
 
@@ -273,7 +343,7 @@ static void tell_watchers(telling &t, const std::vector<uint64_t> &watchers,
 {
     for (const uint64_t serial : watchers) {
         const subscriber &watcher = t.context.subscribers.at(serial);
-        if (ending.count(watcher.connection) == 0 && !tell(t, watcher))
+        if (ending.count(watcher.connection) == 0 && !tell_in_time(t, watcher))
             ending.insert(watcher.connection);
     }
 }
@@ -283,7 +353,7 @@ void membership_flush(membership &members, const member_context &context)
     std::unordered_set<connection_id> ending;
     for (auto &[entry, concern] : find_concerns(members, context)) {
         telling t{members, context, *entry, std::move(concern.changes), {}, {}, {}};
-        tell_watchers(t, t.changes.empty() ? concern.fresh : entry->holders, ending);
+        tell_watchers(t, t.changes.empty() ? concern.waiting : entry->holders, ending);
     }
     members.log.clear();
     members.joinedAt.clear();

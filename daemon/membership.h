@@ -27,6 +27,13 @@ struct member_change {
     std::unique_ptr<subscriber> gone; /* null when it joined */
 };
 
+/* A watcher that got a long list and has to wait for the next one. */
+struct paced_watcher {
+    int64_t since = 0, until = 0; /* milliseconds since 1970 */
+    uint64_t known = 0;           /* serial up to which members were there when it got its list */
+    bool owed = false;            /* something has changed since */
+};
+
 struct membership {
     subscription_index interests; /* by watcher; equal interests are one entry */
     address_index addresses;
@@ -35,7 +42,9 @@ struct membership {
     std::unordered_map<uint64_t, size_t> leftAt;   /* where in the log somebody left */
     std::unordered_set<uint64_t> fresh;            /* watchers that have not been told anything */
     std::unordered_map<uint64_t, size_t> told;     /* watchers told early: how much of the log they know */
-    uint64_t notices = 0;                          /* lists and deltas made out so far */
+    std::unordered_map<uint64_t, paced_watcher> paced; /* by watcher */
+    size_t owed = 0;                                   /* of these */
+    uint64_t notices = 0;                              /* lists and deltas made out so far */
 
     membership()
     {
@@ -49,6 +58,7 @@ struct member_context {
     const daemon_identity &identity;
     const outlet &out;
     int64_t now = 0;
+    uint64_t lastSerial = 0;
 };
 
 /* Notes that MEMBER is there, with what it wants to know of others. */
@@ -60,7 +70,8 @@ void membership_leave(membership &members, subscriber gone);
 /* Whether anybody is still to be told anything. */
 bool membership_pending(const membership &members);
 
-/* Tells all watchers what they do not know yet. */
+/* Tells all watchers what they do not know yet, but for those that have to wait for their next full list:
+ * while membership_pending() says so, it wants to be called again. */
 void membership_flush(membership &members, const member_context &context);
 
 /* Tells WATCHER at once, when what it does not know yet includes that SOURCE has joined. */

@@ -1,6 +1,7 @@
 /* The index must give what asking every subscription by itself would give. Random subscriptions are drawn
  * from a small world, so that events hit them often; a seed that fails is printed and can be set to see it
  * again. */
+#include "corpus.h"
 #include "index.h"
 
 #include <algorithm>
@@ -269,6 +270,31 @@ TEST(Index, GivesForEventsWhatAskingEachSubscriptionGives)
 TEST(Index, GivesForAddressesWhatAskingEachInterestGives)
 {
     compare_many(subject_kind::address);
+}
+
+/* All texts of the corpus in one index: each event and address finds exactly those that say so. */
+TEST(Index, GivesForTheCorpusWhatTheCorpusSays)
+{
+    const corpus::file file = corpus::load();
+    ASSERT_FALSE(file.entries.empty());
+    std::map<std::string, subscription_index> indexes;
+    std::map<std::string, std::vector<uint64_t>> expected;
+    for (const corpus::entry &entry : file.entries) {
+        if (entry.columns[0] != "match" && entry.columns[0] != "no")
+            continue;
+        const std::string &name = entry.columns[1];
+        subscription_index &index = indexes[name];
+        index.kind = file.things.at(name)->kind;
+        index_add(index, static_cast<uint64_t>(entry.line), parsed(entry.columns[2], index.kind));
+        if (entry.columns[0] == "match")
+            expected[name].push_back(static_cast<uint64_t>(entry.line));
+    }
+    for (auto &[name, index] : indexes) {
+        std::vector<uint64_t> found;
+        index_match(index, file.things.at(name)->what, found);
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(found, expected[name]) << name;
+    }
 }
 
 /* ---- How it is filed ---- */

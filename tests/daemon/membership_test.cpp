@@ -678,6 +678,112 @@ TEST_F(Membership, AThousandJoinsCostAWatcherAThousandAddresses)
     EXPECT_LT(octets, 400U * 1000U);
 }
 
+int64_t clockNow = 0;
+
+int64_t settableClock()
+{
+    return clockNow;
+}
+
+struct PacedMembership : Membership {
+    void SetUp() override
+    {
+        routing.now = settableClock;
+        clockNow = 1000;
+    }
+
+    /* Members that join at once; the flush after them comes 50 ms later. */
+    void join(connection_id first, uint64_t count)
+    {
+        for (uint64_t i = 0; i < count; i++)
+            up(first + i, 1, "m");
+        clockNow += 50;
+        engine_flush(routing);
+    }
+
+    size_t addresses_heard(connection_id connection)
+    {
+        size_t count = 0;
+        for (const std::string &item : out.drain(connection))
+            count += read_event(item).addresses.size();
+        return count;
+    }
+};
+
+/* Twenty portions of fifty would make 10,500 addresses if each were followed by the whole list. */
+TEST_F(PacedMembership, AThousandJoinsCostAFewTimesTheFinalList)
+{
+    up(1, 1, "w", "\"kind=test\"");
+    for (uint64_t portion = 0; portion < 20; portion++)
+        join(100 + portion * 50, 50);
+    size_t heard = addresses_heard(1);
+    while (membership_pending(routing.members) && clockNow < 10000) {
+        clockNow += 50;
+        engine_flush(routing);
+        const size_t more = addresses_heard(1);
+        EXPECT_TRUE(more == 0 || more == 1000) << more;
+        heard += more;
+    }
+    EXPECT_LT(heard, 4500U);
+    EXPECT_FALSE(membership_pending(routing.members));
+}
+
+TEST_F(PacedMembership, AnOwedListComesWhenItsTimeIsThereAndWithTheLatest)
+{
+    up(1, 1, "w", "\"name=m\"");
+    join(100, 400);
+    EXPECT_EQ(addresses_heard(1), 400U);
+    out.wakes.clear();
+    join(500, 1);
+    EXPECT_EQ(addresses_heard(1), 0U);
+    EXPECT_EQ(out.wakes, (std::vector<uint32_t>{50, 50})); /* for the change, and for what is owed */
+    engine_down(routing, 500, 1);
+    engine_down(routing, 499, 1);
+    clockNow += 200;
+    engine_flush(routing);
+    EXPECT_EQ(addresses_heard(1), 399U);
+    EXPECT_FALSE(membership_pending(routing.members));
+}
+
+TEST_F(PacedMembership, WhoIsOwedAListGetsItBeforeAnEventOfANewMember)
+{
+    const uint64_t watcher = up(1, 1, "w", "\"name=m\"");
+    join(100, 400);
+    out.sent.clear();
+    join(500, 1);
+    send(100, 1, to(1, watcher)); /* that one is known */
+    EXPECT_EQ(out.sent[1].size(), 1U);
+    out.sent.clear();
+    send(500, 1, to(1, watcher));
+    ASSERT_EQ(out.sent[1].size(), 2U);
+    EXPECT_EQ(addresses_heard(1), 401U + 1 + 1); /* the list; source and destination of the event */
+    clockNow += 1000;
+    engine_flush(routing);
+    EXPECT_EQ(addresses_heard(1), 0U);
+}
+
+TEST_F(PacedMembership, AClockThatIsSetBackHoldsNothingUp)
+{
+    up(1, 1, "w", "\"name=m\"");
+    join(100, 400);
+    out.sent.clear();
+    clockNow -= 500000;
+    join(500, 1);
+    EXPECT_EQ(addresses_heard(1), 401U);
+}
+
+TEST_F(PacedMembership, AWatcherThatLeavesIsOwedNothing)
+{
+    up(1, 1, "w", "\"name=m\"");
+    join(100, 400);
+    join(500, 1);
+    EXPECT_TRUE(membership_pending(routing.members));
+    engine_connection_gone(routing, 1);
+    engine_flush(routing);
+    EXPECT_FALSE(membership_pending(routing.members));
+    EXPECT_TRUE(routing.members.paced.empty());
+}
+
 /* Lists are not made for a connection that takes nothing any more. */
 TEST_F(Membership, AConnectionThatEndsIsNotToldOn)
 {
