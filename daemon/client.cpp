@@ -59,6 +59,7 @@ void client_end(client &c)
         return;
     c.closing = true;
     count_as_finished(c);
+    c.owner->incoming -= std::exchange(c.incoming, 0);
     if (c.traced)
         administration_trace_end(c);
     engine_connection_gone(c.owner->routing, c.talk.id);
@@ -370,6 +371,28 @@ static void on_end_of_input(client &c, int status)
     client_end(c);
 }
 
+static client *largest_incoming(server &s)
+{
+    client *largest = nullptr;
+    for (const auto &[id, c] : s.clients)
+        if (!c->closing && (largest == nullptr || c->incoming > largest->incoming))
+            largest = c.get();
+    return largest;
+}
+
+/* Many clients could each leave a large message unfinished. */
+static void count_incoming(client &c)
+{
+    server &s = *c.owner;
+    const size_t kept = c.talk.reader.in.capacity();
+    s.incoming += kept - c.incoming;
+    c.incoming = kept;
+    if (s.incoming > static_cast<size_t>(s.config.unfinished))
+        end_because(*largest_incoming(s), &server_counters::endedUnfinished,
+                    "its unfinished message is the largest while the limit of all is " +
+                        std::to_string(s.config.unfinished));
+}
+
 /* Bytes that arrive while stopping are read and thrown away: closing a socket with unread input would reset
  * the connection and destroy what is still on its way to the client. */
 static void take_input(client &c, std::string_view bytes)
@@ -390,6 +413,7 @@ static void take_input(client &c, std::string_view bytes)
         spdlog::debug("{} subscribed or unsubscribed: {} subscribers in all", client_name(c),
                       s.routing.subscribers.size());
     if (goesOn) {
+        count_incoming(c);
         if (s.config.stallSeconds > 0 && message_reader_in_message(c.talk.reader))
             watch_deadlines(s);
         return;

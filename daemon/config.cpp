@@ -46,6 +46,8 @@ static constexpr config_key keys[] = {
     {"limits.body", &configuration::body, 0, most31, "", true, "octets of an event's body"},
     {"limits.addresses", &configuration::addresses, 0, 1024 * mebibyte, "", true,
      "octets of an event's address list"},
+    {"limits.unfinished", &configuration::unfinished, mebibyte, tebibyte, "", true,
+     "octets of all messages that have not come completely; the largest pays"},
     {"limits.subscribers", &configuration::subscribers, 1, most31, "", true, "subscribers of a connection"},
     {"limits.streams", &configuration::streams, 0, most31, "", true, "open streams of a connection"},
 

@@ -23,7 +23,7 @@ struct configuration {
     std::string adminSocket = "auto"; /* "auto": where clients look for it; empty: none */
 
     std::string logLevel = "info";
-    int64_t logLines = 20;
+    int64_t logLines = 5;
 
     int64_t clients = 10000;
     double connectSeconds = 10;
@@ -33,6 +33,7 @@ struct configuration {
     int64_t properties = 10000;
     int64_t body = 64 * 1024 * 1024;
     int64_t addresses = 16 * 1024 * 1024;
+    int64_t unfinished = 512 * 1024 * 1024;
     int64_t subscribers = 100000;
     int64_t streams = 1024;
 

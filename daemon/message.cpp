@@ -439,14 +439,17 @@ static bool take_header(message_reader &reader)
     return true;
 }
 
-/* The bytes of the message, cut out of the buffer; without a copy when the buffer holds nothing else. */
+/* The bytes of the message, cut out of the buffer. One that makes up most of the buffer takes it along, and
+ * what follows is copied instead; so neither keeps much more memory than it needs, and a large message is
+ * never copied. */
 static std::string cut_message(message_reader &reader)
 {
-    std::string raw;
-    if (reader.start == 0 && reader.bodyEnd == reader.in.size())
-        raw.swap(reader.in);
-    else
-        raw = reader.in.substr(reader.start, reader.bodyEnd - reader.start);
+    if (reader.start > 0 || 2 * reader.bodyEnd < reader.in.capacity())
+        return reader.in.substr(reader.start, reader.bodyEnd - reader.start);
+    std::string raw = reader.in.substr(reader.bodyEnd);
+    raw.swap(reader.in);
+    raw.resize(reader.bodyEnd);
+    reader.bodyEnd = 0;
     return raw;
 }
 
@@ -461,14 +464,11 @@ static void begin_message(message_reader &reader, size_t at)
 
 static void finish_message(message_reader &reader, message &out)
 {
-    size_t at = reader.bodyEnd;
-    if (auto *e = std::get_if<std::shared_ptr<event>>(&reader.current)) {
+    if (auto *e = std::get_if<std::shared_ptr<event>>(&reader.current))
         (*e)->raw = cut_message(reader);
-        at = std::min(at, reader.in.size());
-    }
     reader.connected = true;
     out = std::move(reader.current);
-    begin_message(reader, at);
+    begin_message(reader, reader.bodyEnd);
 }
 
 /* Drops what has been handed out, so that the buffer holds at most one unfinished message. */
@@ -484,8 +484,19 @@ void message_reader_feed(message_reader &reader, std::string_view bytes)
     reader.in.append(bytes);
 }
 
+/* A client that is silent for long keeps no buffer. */
+static void release_buffer(message_reader &reader)
+{
+    static constexpr size_t worthKeeping = 4096;
+    if (reader.start < reader.in.size() || reader.in.capacity() <= worthKeeping)
+        return;
+    std::string().swap(reader.in); /* an assignment would keep the memory */
+    begin_message(reader, 0);
+}
+
 read_result message_reader_next(message_reader &reader, message &out)
 {
+    release_buffer(reader);
     if (!take_header(reader))
         return reader.error.empty() ? read_result::need_more : read_result::broken;
     if (reader.in.size() < reader.bodyEnd)

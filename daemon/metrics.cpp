@@ -56,6 +56,8 @@ static constexpr counter_description counters[] = {
      of_server<&server_counters::endedProtocol>},
     {"endedQueue", "zebd_clients_ended_total", "reason=\"queue\"", endedHelp,
      of_server<&server_counters::endedQueue>},
+    {"endedUnfinished", "zebd_clients_ended_total", "reason=\"unfinished\"", endedHelp,
+     of_server<&server_counters::endedUnfinished>},
     {"endedTime", "zebd_clients_ended_total", "reason=\"time\"", endedHelp,
      of_server<&server_counters::endedTime>},
     {"endedSocket", "zebd_clients_ended_total", "reason=\"socket\"", endedHelp,

@@ -36,6 +36,7 @@ struct client {
     session talk;
     std::string address;
     send_queue queue;
+    size_t incoming = 0;        /* octets kept by its reader, as counted in server.incoming */
     uint64_t acceptedAt = 0;    /* loop time, milliseconds, as are the next two */
     uint64_t heardAt = 0;       /* when something came from it */
     uint64_t overSoftSince = 0; /* 0: its queue is within the soft limit */
@@ -71,6 +72,7 @@ struct server {
     queue_policy policy = queue_policy::disconnect;
     engine routing;
     queue_pool pool;
+    size_t incoming = 0; /* octets kept by all readers */
     server_counters counters;
     std::unordered_map<connection_id, std::unique_ptr<client>> clients;
     std::vector<client *> dirty; /* to be looked at by settle() */

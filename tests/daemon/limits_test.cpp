@@ -242,6 +242,25 @@ TEST_F(Limits, ASlowSenderIsNotEnded)
     EXPECT_EQ(client.hear("\r\n"), "POST /event HTTP/1.1\r\n");
 }
 
+TEST_F(Limits, TheLargestUnfinishedMessagePaysForAllTogether)
+{
+    serve({"limits.unfinished=3000000"});
+    peer large, small, other;
+    ASSERT_TRUE(large.join(daemon.port) && small.join(daemon.port) && other.join(daemon.port));
+    const std::string head = wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: 60000000");
+    ASSERT_TRUE(small.say(head + std::string(1000, 'x')));
+    ASSERT_TRUE(large.say(head));
+    large.say(std::string(5000000, 'x'));
+    EXPECT_TRUE(large.hear_end());
+    EXPECT_TRUE(process::wait_for_err(
+        daemon, "ended: its unfinished message is the largest while the limit of all is 3000000\n"))
+        << daemon.errText;
+    ASSERT_TRUE(small.say("x"));
+    EXPECT_TRUE(round_trip(other));
+    process::poll_output(daemon);
+    EXPECT_EQ(daemon.errText.find(" ended: "), daemon.errText.rfind(" ended: "));
+}
+
 /* ---- Descriptors ---- */
 
 TEST_F(Limits, WithoutDescriptorsItServesWhomItHasAndRecovers)

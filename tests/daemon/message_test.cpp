@@ -357,6 +357,59 @@ TEST(MessageReader, HandedOutMessagesLeaveTheBuffer)
     EXPECT_LT(reader.in.capacity(), 8192U);
 }
 
+std::shared_ptr<event> next_event(message_reader &reader)
+{
+    message what;
+    if (message_reader_next(reader, what) != read_result::complete)
+        return nullptr;
+    const auto *taken = std::get_if<std::shared_ptr<event>>(&what);
+    return taken != nullptr ? *taken : next_event(reader);
+}
+
+/* A small event that comes after many others must not keep the buffer that held them all. */
+TEST(MessageReader, AnEventKeepsLittleMoreMemoryThanItNeeds)
+{
+    message_reader reader;
+    message_reader_feed(reader, wire::connect);
+    std::string many;
+    for (int i = 0; i < 200; i++)
+        many += wire::messageEvent;
+    message_reader_feed(reader, many + std::string(wire::messageEvent.substr(0, 50)));
+    for (int i = 0; i < 200; i++)
+        EXPECT_LE(next_event(reader)->raw.capacity(), 2 * wire::messageEvent.size());
+    message_reader_feed(reader, wire::messageEvent.substr(50));
+    EXPECT_LE(next_event(reader)->raw.capacity(), 2 * wire::messageEvent.size());
+}
+
+TEST(MessageReader, ALargeEventLeavesNoLargeBuffer)
+{
+    const std::string large = wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: 1000000") +
+                              std::string(1000000, 'x');
+    message_reader reader;
+    message_reader_feed(reader, wire::connect);
+    EXPECT_EQ(next_event(reader), nullptr);
+    message_reader_feed(reader, large.substr(0, 1000));
+    message_reader_feed(reader, large.substr(1000) + std::string(wire::bareEvent));
+    const auto first = next_event(reader);
+    EXPECT_EQ(first->raw, large);
+    EXPECT_LE(reader.in.capacity(), 10000u);
+    EXPECT_EQ(next_event(reader)->raw, wire::bareEvent);
+}
+
+TEST(MessageReader, ASilentClientKeepsNoBuffer)
+{
+    message_reader reader;
+    std::string many(wire::connect);
+    for (int i = 0; i < 200; i++)
+        many += wire::messageEvent;
+    message_reader_feed(reader, many);
+    while (next_event(reader) != nullptr) {
+    }
+    EXPECT_LE(reader.in.capacity(), 4096u);
+    message_reader_feed(reader, wire::messageEvent);
+    EXPECT_EQ(next_event(reader)->raw, wire::messageEvent);
+}
+
 TEST(Printable, WritesAnythingOddAsHexAndStaysShort)
 {
     EXPECT_EQ(printable("a b\t\x80"), "a b\\x09\\x80");
