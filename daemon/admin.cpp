@@ -1,5 +1,6 @@
 #include "admin.h"
 
+#include "address.h"
 #include "metrics.h"
 
 #include <algorithm>
@@ -118,7 +119,8 @@ static json properties_of(const property_list &properties)
 
 static json subscriber_of(const engine &routing, const subscriber &each)
 {
-    return {{"connection", each.connection},
+    return {{"key", each.key},
+            {"connection", each.connection},
             {"id", each.request.id},
             {"component", each.request.component},
             {"subscription", each.request.subscription},
@@ -129,21 +131,61 @@ static json subscriber_of(const engine &routing, const subscriber &each)
 }
 
 /* Oldest first. */
-static std::vector<const subscriber *> by_age(const engine &routing)
+static std::vector<uint64_t> by_age(const engine &routing)
 {
-    std::vector<const subscriber *> all;
+    std::vector<uint64_t> serials;
     for (const auto &[serial, each] : routing.subscribers)
-        all.push_back(&each);
-    std::ranges::sort(all, {}, &subscriber::serial);
-    return all;
+        serials.push_back(serial);
+    std::ranges::sort(serials);
+    return serials;
 }
 
 static std::string answer_subscribers(const report_source &source)
 {
     json subscribers = json::array();
-    for (const subscriber *each : by_age(*source.routing))
-        subscribers.push_back(subscriber_of(*source.routing, *each));
+    for (const uint64_t serial : by_age(*source.routing))
+        subscribers.push_back(subscriber_of(*source.routing, source.routing->subscribers.at(serial)));
     return answer_line("subscribers", std::move(subscribers));
+}
+
+/* ---- Groups ---- */
+
+static json watchers_of(const engine &routing, const index_entry &interest)
+{
+    json keys = json::array();
+    std::vector<uint64_t> holders = interest.holders;
+    std::ranges::sort(holders);
+    for (const uint64_t serial : holders)
+        keys.push_back(routing.subscribers.at(serial).key);
+    return keys;
+}
+
+static json members_of(const engine &routing, const index_entry &interest,
+                       const std::vector<uint64_t> &everybody)
+{
+    json keys = json::array();
+    std::vector<property_view> properties;
+    std::vector<uint64_t> found;
+    const bool narrowed = address_index_find(routing.members.addresses, interest.sub, found);
+    for (const uint64_t serial : narrowed ? found : everybody) {
+        const subscriber &each = routing.subscribers.at(serial);
+        if (subscription_matches(interest.sub, address_subject(each, routing.identity, properties)))
+            keys.push_back(each.key);
+    }
+    return keys;
+}
+
+/* Every interest that somebody has, with those who have it and those who satisfy it, watchers among them. */
+static std::string answer_groups(const report_source &source)
+{
+    const engine &routing = *source.routing;
+    const std::vector<uint64_t> everybody = by_age(routing);
+    json groups = json::array();
+    for (const auto &[normal, entry] : routing.members.interests.entries)
+        groups.push_back({{"interest", normal},
+                          {"members", members_of(routing, *entry, everybody)},
+                          {"watchers", watchers_of(routing, *entry)}});
+    return answer_line("groups", std::move(groups));
 }
 
 /* ---- Requests ---- */
@@ -160,9 +202,13 @@ struct question {
 };
 
 static constexpr question questions[] = {
-    {"status", answer_status},           {"clients", answer_clients},
-    {"subscribers", answer_subscribers}, {"counters", answer_counters},
-    {"metrics", answer_metrics},         {"monitor", answer_monitor, admin_follow::monitor},
+    {"status", answer_status},
+    {"clients", answer_clients},
+    {"subscribers", answer_subscribers},
+    {"groups", answer_groups},
+    {"counters", answer_counters},
+    {"metrics", answer_metrics},
+    {"monitor", answer_monitor, admin_follow::monitor},
 };
 
 static admin_answer answer_trace(const report_source &source, const json &request)

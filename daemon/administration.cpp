@@ -49,6 +49,8 @@ static daemon_report report_daemon(const void *context)
     report.subscribers = s.routing.subscribers.size();
     report.queuedBytes = s.pool.octets;
     report.memoryBytes = resident_bytes();
+    report.unindexed = s.routing.index.remainder;
+    report.notices = s.routing.members.notices;
     report.logSuppressed = log_suppressed();
     report.server = s.counters;
     report.engine = s.routing.counters;

@@ -50,6 +50,10 @@ static constexpr config_key keys[] = {
      "octets of all messages that have not come completely; the largest pays"},
     {"limits.subscribers", &configuration::subscribers, 1, most31, "", true, "subscribers of a connection"},
     {"limits.streams", &configuration::streams, 0, most31, "", true, "open streams of a connection"},
+    {"limits.subscriber", &configuration::subscriber, 1024, 256 * mebibyte, "", true,
+     "octets of one subscriber's address: its texts and properties"},
+    {"limits.all_subscribers", &configuration::allSubscribers, mebibyte, 1024 * mebibyte, "", true,
+     "octets of all addresses together, so of any list of members"},
 
     {"language.octets", &configuration::languageOctets, 0, 256 * mebibyte, "", true,
      "octets of a subscription or a membership interest"},

@@ -36,6 +36,8 @@ struct configuration {
     int64_t unfinished = 512 * 1024 * 1024;
     int64_t subscribers = 100000;
     int64_t streams = 1024;
+    int64_t subscriber = 256 * 1024;
+    int64_t allSubscribers = 512 * 1024 * 1024;
 
     int64_t languageOctets = 65536;
     int64_t languageNesting = 64;

@@ -22,6 +22,11 @@ static uint64_t suppressed_lines(const daemon_report &report)
     return report.logSuppressed;
 }
 
+static uint64_t membership_notices(const daemon_report &report)
+{
+    return report.notices;
+}
+
 static constexpr std::string_view droppedHelp = "Events dropped from the queues of slow clients.";
 static constexpr std::string_view endedHelp = "Clients that were ended.";
 static constexpr std::string_view readHelp = "Configurations read after the start.";
@@ -39,6 +44,8 @@ static constexpr counter_description counters[] = {
      of_server<&server_counters::droppedHard>},
     {"droppedTotal", "zebd_events_dropped_total", "limit=\"total\"", droppedHelp,
      of_server<&server_counters::droppedTotal>},
+    {"eventsNotTaken", "zebd_events_not_taken_total", "",
+     "Copies of events that a client's queue did not take.", of_engine<&engine_counters::dropped>},
     {"unroutable", "zebd_events_unroutable_total", "",
      "Events without destination, of a class that always has one.", of_engine<&engine_counters::unroutable>},
     {"addressGone", "zebd_addresses_gone_total", "", "Destinations of directed events that were not there.",
@@ -48,6 +55,8 @@ static constexpr counter_description counters[] = {
      of_engine<&engine_counters::streamsRefused>},
     {"subscribersRefused", "zebd_subscribers_refused_total", "", "Subscribe messages refused.",
      of_engine<&engine_counters::subscribersRefused>},
+    {"membershipNotices", "zebd_membership_notices_total", "", "Lists and changes of members made out.",
+     membership_notices},
     {"clientsAccepted", "zebd_clients_accepted_total", "", "Connections accepted.",
      of_server<&server_counters::accepted>},
     {"clientsRefused", "zebd_clients_refused_total", "", "Connections ended for being too many.",
@@ -130,6 +139,8 @@ std::string metrics_text(const daemon_report &report)
               static_cast<size_t>(report.uptimeSeconds));
     add_gauge(text, "zebd_clients", "Clients connected.", report.clients);
     add_gauge(text, "zebd_subscribers", "Subscribers registered.", report.subscribers);
+    add_gauge(text, "zebd_unindexed_clauses", "Parts of subscriptions that are tried for every event.",
+              report.unindexed);
     add_gauge(text, "zebd_queued_bytes", "Memory kept by what waits for clients.", report.queuedBytes);
     add_gauge(text, "zebd_memory_bytes", "Resident memory.", report.memoryBytes);
     std::string_view metric;

@@ -136,6 +136,29 @@ TEST_F(Admin, SubscribersAreListedOldestFirst)
     EXPECT_EQ(subscribers[0]["filed"].size(), 1u);
 }
 
+TEST_F(Admin, GroupsTellWhoWatchesWhom)
+{
+    std::string why;
+    zebd::subscribe_request server, caller;
+    server.id = 1;
+    server.subscription = server.interest = "null";
+    server.properties = {{"/ZEB/RPC/SVR", "a"}};
+    caller.id = 2;
+    caller.subscription = "null";
+    caller.interest = "(\"/ZEB/RPC/SVR=a\")";
+    caller.deltas = true;
+    ASSERT_TRUE(engine_up(routing, 3, server, why) && engine_up(routing, 4, caller, why)) << why;
+    const json subscribers = ask(R"({"ask":"subscribers"})")["subscribers"];
+    const std::string serverKey = subscribers[0]["key"], callerKey = subscribers[1]["key"];
+    EXPECT_NE(serverKey, "");
+    EXPECT_NE(serverKey, callerKey);
+    const json groups = ask(R"({"ask":"groups"})")["groups"];
+    ASSERT_EQ(groups.size(), 1u);
+    EXPECT_NE(groups[0]["interest"].get<std::string>().find("/ZEB/RPC/SVR=a"), std::string::npos);
+    EXPECT_EQ(groups[0]["members"], json::array({serverKey}));
+    EXPECT_EQ(groups[0]["watchers"], json::array({callerKey}));
+}
+
 TEST_F(Admin, WrongRequestsAreAnsweredWithWhy)
 {
     EXPECT_EQ(ask("nonsense")["error"], "a request is one JSON object in a line");
@@ -440,6 +463,53 @@ TEST_F(AdminSocket, TraceShowsNobodyElse)
     ASSERT_TRUE(other.subscribe() && traced.subscribe());
     EXPECT_EQ(admin.hear()["trace"]["connection"], 1);
     EXPECT_EQ(admin.hear()["trace"]["message"], "status");
+}
+
+TEST_F(AdminSocket, MonitorTellsOfEveryEventWithItsReceivers)
+{
+    serve();
+    peer client, other;
+    ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
+    ASSERT_TRUE(other.join(daemon.port));
+    ASSERT_EQ(admin.ask("monitor")["ok"], true);
+    ASSERT_TRUE(other.say(wire::messageEvent));
+    const json event = admin.hear()["event"];
+    EXPECT_EQ(event["class"], "MessageNotification");
+    EXPECT_EQ(event["type"], "/app/disk/full");
+    EXPECT_EQ(event["id"], "node1:911");
+    EXPECT_EQ(event["from"], 2);
+    EXPECT_EQ(event["directed"], false);
+    EXPECT_EQ(event["receivers"], json::parse(R"([{"connection":1,"subscriber":1}])"));
+    EXPECT_EQ(event["dropped"], 0);
+    EXPECT_EQ(event["octets"], wire::messageEvent.size());
+}
+
+/* It is told how many lines it has missed, and all lines are accounted for. */
+TEST_F(AdminSocket, ASlowMonitorLosesLinesAndIsTold)
+{
+    serve();
+    peer from;
+    ASSERT_TRUE(from.join(daemon.port));
+    ASSERT_EQ(admin.ask("monitor")["ok"], true);
+    std::string batch;
+    for (int i = 0; i < 100; i++)
+        batch += wire::bareEvent;
+    const int sent = 20000;
+    for (int i = 0; i < sent / 100; i++)
+        ASSERT_TRUE(from.say(batch));
+    ASSERT_TRUE(
+        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    int events = 0, lost = 0;
+    while (events + lost < sent) {
+        const json line = admin.hear();
+        ASSERT_FALSE(line.is_null()) << events << " " << lost;
+        if (line.contains("lost"))
+            lost += line["lost"].get<int>();
+        else
+            events++;
+    }
+    EXPECT_GT(lost, 0);
+    EXPECT_EQ(events + lost, sent);
 }
 
 } // namespace
