@@ -132,12 +132,13 @@ ZEB_API int32_t zeb_shutdown_nowait(void);
 
 /* Gives back one initialisation. The last one sends everything that is queued (without a connection it is
  * discarded), ends both service threads, and closes every subscriber and publisher that is still open and
- * releases them: their handles must not be used afterwards. Streams, subscriber lists, remote-call servers,
- * clients and invocations stay their owners' to close or destroy, and so do members that a loss of the
- * connection has dropped; nothing arrives at them any more. Blocks until the daemon has taken what was
- * queued, without limit; and for the rest of a back-off pause when the daemon is away (up to 32 seconds).
- * Threads blocked in a receive, a multirecv, a read of a stream, a creation or a wait for the connection are
- * woken. May be called in a call-back. Returns 0, also when nothing runs. */
+ * releases them: their handles must not be used afterwards (a receive that begins while nothing runs
+ * returns null). Streams, subscriber lists, remote-call servers, clients and invocations stay their owners'
+ * to close or destroy, and so do members that a loss of the connection has dropped; nothing arrives at them
+ * any more. Blocks until the daemon has taken what was queued, without limit; and for the rest of a back-off
+ * pause when the daemon is away (up to 32 seconds). Threads blocked in a receive, a multirecv, a read of a
+ * stream, a creation or a wait for the connection are woken. May be called in a call-back. Returns 0, also
+ * when nothing runs. */
 ZEB_API int32_t zeb_shutdown(void);
 
 /* Starts the runtime with home directory and port from the environment and returns at once; the connection is

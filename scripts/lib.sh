@@ -10,7 +10,7 @@ cd "$root"
 mkdir -p "$logs"
 
 # What any of the builds needs with its tests. The second compiler and the checkers come on top where they are used.
-build_packages=(g++ cmake ninja-build pkg-config libuv1-dev libcli11-dev libspdlog-dev libtomlplusplus-dev nlohmann-json3-dev
+build_packages=(g++ cmake ninja-build pkg-config python3 libuv1-dev libcli11-dev libspdlog-dev libtomlplusplus-dev nlohmann-json3-dev
     libgtest-dev)
 # The version is part of the name: layout and findings differ between versions.
 check_packages=(abigail-tools clang-14 clang-format-14 clang-tidy-14)

@@ -336,9 +336,13 @@ void zeb_subscriber_relinquish(zeb_subscriber *subscriber, zeb_notification *n)
     ezeb_subscriber_relinquish(subscriber, n);
 }
 
+/* Threads that receive in a loop may begin once more while another one ends the runtime, which releases the
+ * subscriber when the last call inside has left. Without a runtime there is nothing to receive in any case.
+ */
 zeb_notification *zeb_subscriber_receive(zeb_subscriber *subscriber, int32_t wait, int32_t timeout)
 {
-    return ezeb_subscriber_receive(subscriber, wait, timeout);
+    const ezeb_runtime_ref rt;
+    return rt ? ezeb_subscriber_receive(subscriber, wait, timeout) : nullptr;
 }
 
 uint32_t zeb_subscriber_id(const zeb_subscriber *subscriber)

@@ -166,6 +166,15 @@ TEST_F(lifetime, readers_of_a_dropped_member_are_woken_by_the_shutdown)
     zeb_subscriberlist_destroy(&list);
 }
 
+TEST_F(lifetime, receive_that_begins_when_the_runtime_has_ended_touches_nothing)
+{
+    peer p = connected();
+    zeb_subscriber *sub = subscribed(p, 1);
+    zeb_shutdown();
+    EXPECT_EQ(zeb_subscriber_receive(sub, 0, 0), nullptr);
+    EXPECT_EQ(zeb_subscriber_receive(sub, 1, 20000), nullptr);
+}
+
 TEST_F(lifetime, member_that_was_agreed_to_leaves_its_group_even_before_its_creator_runs_again)
 {
     peer p = connected();

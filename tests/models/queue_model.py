@@ -1,0 +1,157 @@
+"""The queue: two threads that take, one that puts, one that drains and then shuts down, one that closes by itself.
+
+Whoever waits is woken, everything that was taken in comes out or is released once, and the record is not used after its
+owner has released it."""
+
+from explore import all_of, broadcast, explore, fail, lock, signal_one, unless, unlock, wait
+
+SAFEGUARDS = {
+    "signal on put": "a taker that waits is told of an element",
+    "broadcast on drain": "takers that wait are told that nothing will come",
+    "broadcast on shutdown": "takers that wait are told to leave",
+    "drain sees shutdown": "a drain does not wait for elements that nobody may take any more",
+    "shutdown tells the drain": "a drain that waits is told of the shutdown",
+    "last remover tells": "a shutdown that waits for takers to leave is told by the last",
+    "wait looks again": "a taker that was woken looks whether there is an element",
+}
+
+
+def taker(me, off):
+    def wants_to_wait(s):
+        return not s["shut"] and not s["items"] and not s["draining"]
+
+    def enter(s):
+        s["removers"] += 1
+
+    def stays(s):
+        if "wait looks again" in off:
+            return "leave"
+        return None if not s["items"] and not s["shut"] and not s["draining"] else "leave"
+
+    def leave(s):
+        s["removers"] -= 1
+
+    def take(s):
+        if s["shut"] and not s["waited" + me]:
+            return "out"
+        if s["items"]:
+            s["taken"] += 1
+            s["items"] -= 1
+        elif s["waited" + me] and not s["shut"] and not s["draining"]:
+            fail(f"{me} came back with nothing though it waits without limit")
+        left = s["shut"] and s["removers"] == 0 and "last remover tells" not in off
+        if s["emptied"] and (s["items"] == 0 and not s["shut"] or left):
+            broadcast(s, "emptied")
+
+    def mark(s):
+        s["waited" + me] = True
+
+    return [
+        lock("lock"),
+        unless(wants_to_wait, "take"),
+        enter,
+        mark,
+        "again",
+        *wait("notempty", "lock", me),
+        lambda s: None if stays(s) is None else "leave",
+        lambda s: "again",
+        "leave",
+        leave,
+        "take",
+        take,
+        "out",
+        unlock("lock"),
+    ]
+
+
+def putter(off):
+    def put(s):
+        if not s["draining"] and not s["shut"]:
+            s["items"] += 1
+            s["put"] += 1
+            return None
+        return "out"
+
+    tell = [lambda s: None] if "signal on put" in off else signal_one("notempty")
+    once = [lock("lock"), put, tell]
+    return [*once, "out", unlock("lock"), lock("lock"), put2(put), tell, "out2", unlock("lock")]
+
+
+def put2(put):
+    return lambda s: "out2" if put(s) else None
+
+
+def drainer(off):
+    def begin(s):
+        if s["draining"] or s["shut"]:
+            return "out"
+        s["draining"] = True
+        if "broadcast on drain" not in off:
+            broadcast(s, "notempty")
+
+    def done(s):
+        return None if s["items"] > 0 and (not s["shut"] or "drain sees shutdown" in off) else "out"
+
+    return [lock("lock"), begin, "again", done, *wait("emptied", "lock", "drainer"), lambda s: "again", "out", unlock("lock")]
+
+
+def closer(off):
+    def begin(s):
+        s["shut"] = True
+        if "broadcast on shutdown" not in off:
+            broadcast(s, "notempty")
+        if "shutdown tells the drain" not in off:
+            broadcast(s, "emptied")
+
+    def done(s):
+        return None if s["removers"] > 0 else "empty"
+
+    def empty(s):
+        s["released"] += s["items"]
+        s["items"] = 0
+
+    return [
+        lock("lock"),
+        begin,
+        "again",
+        done,
+        *wait("emptied", "lock", "closer"),
+        lambda s: "again",
+        "empty",
+        empty,
+        unlock("lock"),
+    ]
+
+
+def explored(off=()):
+    variables = {
+        "lock": False,
+        "notempty": frozenset(),
+        "emptied": frozenset(),
+        "items": 0,
+        "put": 0,
+        "taken": 0,
+        "released": 0,
+        "removers": 0,
+        "draining": False,
+        "shut": False,
+        "waiteda": False,
+        "waitedb": False,
+    }
+
+    def invariant(s, ended):
+        if s["taken"] + s["released"] + s["items"] != s["put"]:
+            return "an element was lost or came out twice"
+        if ended and s["items"]:
+            return "an element was left behind"
+        return None
+
+    takers = {"a": taker("a", off), "b": taker("b", off)}
+    drain = {"drain": drainer(off)}
+    put = {"put": putter(off)}
+    close = {"close": closer(off)}
+    return all_of(
+        explore(variables, takers | put | drain | close, invariant),
+        explore(variables, takers | put, invariant),
+        explore(variables, takers | drain, invariant),
+    )
