@@ -31,6 +31,7 @@ struct host {
         };
         routing.out.wake = [](void *context, uint32_t) { static_cast<host *>(context)->wake = true; };
         routing.now = clock_at_rest;
+        routing.identity = {"1", "node", "instance", 7};
         zebd::subscribe_request everything;
         everything.id = 1;
         everything.interest = "";
@@ -57,13 +58,12 @@ std::string outcome(std::string_view bytes, uint32_t seed)
     zebd::session session;
     session.id = 1;
     session.reader.limits = small_limits();
-    const zebd::daemon_identity identity{"1", "node", "instance", 7};
     fuzz::row pieces(seed);
     std::string why;
     bool goes_on = true;
     while (goes_on && !bytes.empty()) {
         const size_t n = seed == 0 ? bytes.size() : 1 + pieces.next(seed % 2 == 0 ? 9 : 500);
-        goes_on = zebd::session_take(session, h.routing, identity, bytes.substr(0, n), why);
+        goes_on = zebd::session_take(session, h.routing, bytes.substr(0, n), why);
         bytes.remove_prefix(std::min(n, bytes.size()));
     }
     if (h.wake)

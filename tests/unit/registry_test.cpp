@@ -395,7 +395,7 @@ TEST_F(Registry, ALossDropsMembersAndTellsThem)
     ezeb_handle_disconnect(rt.get());
     EXPECT_EQ(ezeb_queue_length(plain->queue), 0);
     for (zeb_subscriber *sub : {member, other}) {
-        zeb_notification *n = zeb_subscriber_receive(sub, 0, 0);
+        zeb_notification *n = ezeb_subscriber_receive(sub, 0, 0);
         ASSERT_NE(n, nullptr);
         EXPECT_STREQ(zeb_notification_type(n), "ZEB/SYSTEM/LEAVEGROUP");
         EXPECT_EQ(zeb_notification_getClass(n), 7U);
@@ -461,8 +461,8 @@ TEST_F(Registry, TheEndWakesDroppedMembersAndLeavesTheirHandles)
 {
     zeb_subscriber *member = add("group");
     ezeb_handle_disconnect(rt.get());
-    zeb_subscriber_relinquish(member, zeb_subscriber_receive(member, 0, 0));
-    std::thread receiver([&] { EXPECT_EQ(zeb_subscriber_receive(member, 1, 0), nullptr); });
+    zeb_subscriber_relinquish(member, ezeb_subscriber_receive(member, 0, 0));
+    std::thread receiver([&] { EXPECT_EQ(ezeb_subscriber_receive(member, 1, 0), nullptr); });
     for (bool waiting = false; !waiting;) {
         {
             const ezeb_locked hold(&member->queue->lock);
@@ -472,7 +472,7 @@ TEST_F(Registry, TheEndWakesDroppedMembersAndLeavesTheirHandles)
     }
     ezeb_registry_closeall(rt.get());
     receiver.join();
-    EXPECT_EQ(zeb_subscriber_receive(member, 1, 0), nullptr);
+    EXPECT_EQ(ezeb_subscriber_receive(member, 1, 0), nullptr);
     zeb_subscriber_close(member);
 }
 
@@ -490,7 +490,7 @@ bool takeApart(ezeb_runtime *rt, zeb_subscriber *sub, zeb_subscriber *member)
     bool dead = true;
     for (zeb_subscriber *s : {sub, member}) {
         zeb_subscriber_close(s);
-        dead = dead && zeb_subscriber_receive(s, 1, 0) == nullptr &&
+        dead = dead && ezeb_subscriber_receive(s, 1, 0) == nullptr &&
                zeb_subscriber_subscription(s) == nullptr && zeb_subscriber_getPublisher(s) == nullptr &&
                s->queue == nullptr;
     }
@@ -611,7 +611,7 @@ TEST_F(RegistryRuntime, WhatArrivesForASubscriberCanBeReceived)
         const ezeb_runtime_ref rt;
         ezeb_deliver(rt.get(), zeb_notification_create("t", nullptr, 0), 1);
     }
-    zeb_notification *n = zeb_subscriber_receive(sub, 0, 0);
+    zeb_notification *n = ezeb_subscriber_receive(sub, 0, 0);
     EXPECT_STREQ(zeb_notification_type(n), "t");
     zeb_subscriber_relinquish(sub, n);
 }
