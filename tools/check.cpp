@@ -1,4 +1,5 @@
 /* zeb check: explains a subscription with the daemon's own parser, and evaluates it. */
+#include "index.h"
 #include "input.h"
 #include "json.h"
 #include "message.h"
@@ -133,24 +134,72 @@ static const char *scope_text(const zebd::subscription &parsed)
 struct finding {
     std::string normal;
     const char *scope;
+    std::vector<std::string> clauses; /* empty when they are too many */
+    std::vector<std::string> filed;   /* how the daemon's index would file each of them */
     std::optional<bool> matches;
 };
 
-static void put_finding(bool asJson, const finding &f)
+static std::string literal_text(const zebd::literal &what, subject_kind kind)
 {
-    if (asJson) {
-        json result;
-        result["valid"] = true;
-        result["scope"] = f.scope;
-        result["normal"] = f.normal;
-        if (f.matches)
-            result["matches"] = *f.matches;
-        put(line_of(result));
-        return;
+    zebd::subscription alone;
+    alone.scope = zebd::subscription::scope_t::matching;
+    alone.root.test = *what.test;
+    return (what.negated ? "!" : "") + zebd::subscription_normal_text(alone, kind);
+}
+
+static std::vector<std::string> clause_texts(const zebd::subscription &parsed, subject_kind kind)
+{
+    std::vector<std::string> texts;
+    std::vector<zebd::clause> clauses;
+    if (parsed.scope != zebd::subscription::scope_t::matching ||
+        !zebd::clauses_expand(parsed.root, zebd::clause_limits(), clauses))
+        return texts;
+    for (const zebd::clause &clause : clauses) {
+        std::string text;
+        for (const zebd::literal &what : clause)
+            text += (text.empty() ? "" : " & ") + literal_text(what, kind);
+        texts.push_back(text);
     }
-    put("scope: " + std::string(f.scope) + "\nnormal form: " + escaped(f.normal) + "\n");
+    return texts;
+}
+
+static finding explain(const zebd::subscription &parsed, subject_kind kind)
+{
+    static constexpr uint64_t holder = 1;
+    zebd::subscription_index index;
+    index.kind = kind;
+    zebd::index_add(index, holder, parsed);
+    return {zebd::subscription_normal_text(parsed, kind),
+            scope_text(parsed),
+            clause_texts(parsed, kind),
+            zebd::index_describe(index, holder),
+            {}};
+}
+
+static json as_json(const finding &f)
+{
+    json result;
+    result["valid"] = true;
+    result["scope"] = f.scope;
+    result["normal"] = f.normal;
+    result["clauses"] = f.clauses;
+    result["filed"] = f.filed;
     if (f.matches)
-        put(std::string("matches: ") + (*f.matches ? "yes" : "no") + "\n");
+        result["matches"] = *f.matches;
+    return result;
+}
+
+static std::string readable(const finding &f)
+{
+    std::string text = "scope: " + std::string(f.scope) + "\nnormal form: " + escaped(f.normal) + "\n";
+    for (size_t i = 0; i < f.filed.size(); i++) {
+        if (i < f.clauses.size())
+            text += "clause " + std::to_string(i + 1) + ": " + escaped(f.clauses[i]) + "\n";
+        text += "filed under: " + escaped(f.filed[i]) + "\n";
+    }
+    if (f.matches)
+        text += std::string("matches: ") + (*f.matches ? "yes" : "no") + "\n";
+    return text;
 }
 
 static exit_code evaluate(const std::string &file, const zebd::subscription &parsed, subject_kind kind,
@@ -180,11 +229,11 @@ exit_code check(const common_options &common, const check_options &options)
         put_error(common.json, options.text, error);
         return exit_refused;
     }
-    finding f{zebd::subscription_normal_text(parsed, kind), scope_text(parsed), {}};
+    finding f = explain(parsed, kind);
     if (options.event)
         if (const exit_code code = evaluate(*options.event, parsed, kind, f.matches); code != exit_done)
             return code;
-    put_finding(common.json, f);
+    put(common.json ? line_of(as_json(f)) : readable(f));
     return f.matches.value_or(true) ? exit_done : exit_refused;
 }
 

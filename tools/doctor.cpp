@@ -1,12 +1,15 @@
 /* zeb doctor: looks at everything that programs need for notifications, and says how to mend what is wrong.
  */
+#include "admin.h"
 #include "defaults.h"
 #include "json.h"
 #include "member.h"
 #include "text.h"
 #include "verbs.h"
 
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -174,6 +177,34 @@ static void examine_daemon(examination &e)
     zeb_shutdown_nowait();
 }
 
+/* ---- Administration ---- */
+
+static void examine_administration(examination &e)
+{
+    static constexpr mode_t ownerOnly = 0600;
+    std::string tried;
+    for (const std::string &path : admin_paths(e.common, e.port)) {
+        struct stat there {
+        };
+        tried += (tried.empty() ? "" : ", ") + path;
+        if (stat(path.c_str(), &there) != 0)
+            continue;
+        char mode[8] = "";
+        std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(there.st_mode & 07777));
+        admin_connection admin;
+        if (!admin_try(path, admin))
+            e.note("administration", path + ": " + std::strerror(errno),
+                   "use it as the user of the daemon, or as root");
+        else if ((there.st_mode & 0777) != ownerOnly)
+            e.wrong("administration", path + " has mode " + mode, "chmod 600 " + path);
+        else
+            e.ok("administration", path + ", mode " + mode);
+        return;
+    }
+    e.note("administration", "no socket at " + tried,
+           "name the daemon's with --admin; without it status and monitor know less");
+}
+
 /* ---- The library ---- */
 
 static void examine_library(examination &e)
@@ -233,6 +264,8 @@ exit_code doctor(const common_options &common)
     examine_localhost(e);
     examine_loopback(e);
     examine_daemon(e);
+    if (!e.daemonMissing)
+        examine_administration(e);
     bool wrong = false;
     for (const finding &f : e.findings) {
         put(common.json ? as_json(f) : readable(f));

@@ -43,6 +43,8 @@ static std::vector<option> common_options_of(common_options &common)
              std::to_string(zebd::defaultPort),
          &common.port, 1, 65535},
         {"--timeout", "SECONDS", "Limit for the whole run; 0 is none", &common.timeout, 0, 1e8},
+        {"--admin", "PATH",
+         "Administration socket of the daemon; the one that belongs to the port if not given", &common.admin},
         {"--json", "", "One JSON object a line", &common.json},
         {"-v,--verbose", "", "Say on standard error what happens", &common.verbose},
     };
@@ -117,7 +119,7 @@ oldest first) and body; a body that is no UTF-8 is "bodyBase64" instead, and one
   {body}                 the body, octet by octet
   {text}                 the body made one printable line
   {number}               1 for the first notification printed, then 2 and so on
-and \n, \t, \\, {{ for a line feed, a tab, a backslash and an opening brace.
+  \n \t \\ {{            a line feed, a tab, a backslash, an opening brace
 
 Ctrl-C ends it in good order.)",
         {{"TEXT", "TEXT", "Subscription", &o.text}},
@@ -200,6 +202,127 @@ subscribed (with --verbose), which stream it is, and how many octets it had.)",
     return v;
 }
 
+/* ---- Others ---- */
+
+static verb members_verb(members_options &o)
+{
+    verb v{
+        "members",
+        "Show who has subscribed",
+        R"(Prints a line for each subscriber of which the membership interest TEXT is true (see `zeb help check`),
+all of them without one: address key, component ("-" for none), host, and properties. With --watch it goes on, and
+each line begins with "+" for one that has come or "-" for one that has gone; those that are there already have
+come first.
+
+With --json the members are key, id, component, host, instance, subscription and properties (a list of {"name",
+"value"}), those that there are; with --watch "event" is "join" or "leave".)",
+        {{"TEXT", "TEXT", "Membership interest", &o.interest}},
+        {{"--watch", "", "Go on with those that come and go", &o.watch}, for_option(o.seconds)},
+        {noDaemon, {exit_refused, "the daemon refused the interest"}, timeOver},
+        "zeb members"};
+    return v;
+}
+
+static verb call_verb(call_options &o)
+{
+    verb v{"call",
+           "Call a function of a server",
+           R"(Calls FUNCTION at the oldest server called SERVER, or with --all at all of them, and writes the
+result to standard output octet by octet; with --all each result is one printable line behind its server. What the
+server tells meanwhile goes to standard error. The argument is empty unless --body or --file gives it.
+
+With --json each response is a line with kind ("progress", "result" or "error"), body or bodyBase64, or code and
+message, and server.)",
+           {{"SERVER", "SERVER", "Name of the server, without '\"'", &o.server, 0, 0, {}, {}, true},
+            {"FUNCTION", "FUNCTION", "Name of the function", &o.function, 0, 0, {}, {}, true}},
+           {
+               {"--body", "TEXT", "Argument", &o.body, 0, 0, {}, {"--file"}},
+               {"--file", "FILE", "File that holds the argument; - is standard input", &o.file},
+               {"--all", "", "Call all servers of the name", &o.all},
+               {"--wait", "SECONDS", "Wait so long for a server to appear", &o.wait, 0, 1e6},
+               component_option(o.component),
+           },
+           {noDaemon,
+            {exit_refused, "every answer was an error"},
+            {exit_time_out, "no server appeared, or --timeout was over"},
+            {exit_partly, "some answers were errors, or stopped before all had come"}},
+           "zeb call shouter upper --body hello",
+           60};
+    return v;
+}
+
+static verb serve_verb(serve_options &o)
+{
+    verb v{
+        "serve",
+        "Offer functions that are run by commands",
+        R"(Makes a server called SERVER known and runs a shell command for each call of a function: its standard
+input is the argument, its standard output the result, octet by octet. A command that does not end with 0 makes the
+call fail with its exit status as the error's code. With --progress-lines each line that a command writes to
+standard error goes to the caller at once; without it that goes to standard error here. The command finds the name
+of the function in ZEB_FUNCTION.
+
+Calls are served one after the other, with --parallel all at once. SIGINT and SIGTERM end it: calls that run get
+five seconds, then their commands get SIGTERM.)",
+        {{"SERVER", "SERVER", "Name of the server, without '\"'", &o.server, 0, 0, {}, {}, true}},
+        {
+            {"--function", "NAME=COMMAND", "A function; may be given up to 63 times", &o.functions},
+            {"--progress-lines", "", "Lines of standard error are progress", &o.progressLines},
+            {"--parallel", "", "Serve calls at the same time", &o.parallel},
+            property_option(o.properties, "A property of the server's address"),
+            component_option(o.component),
+            for_option(o.seconds),
+        },
+        {noDaemon, {exit_refused, "the server could not be made known"}, timeOver},
+        "zeb serve shouter --function upper='tr a-z A-Z' --for 1"};
+    return v;
+}
+
+static const char stateAbout[] = "Ask a group for its state, or hold one";
+
+static verb state_get_verb(state_options &o)
+{
+    verb v{
+        "state get",
+        "Ask a group for its state",
+        R"(Asks the longest-lived member of a group and writes the state that it sends to standard output, octet
+by octet; with --json as a line like that of `zeb sub`. The membership interest TEXT says who belongs to the group
+(see `zeb help check`).)",
+        {{"TEXT", "TEXT", "Membership interest", &o.interest, 0, 0, {}, {}, true}},
+        {
+            {"--wait", "SECONDS", "Wait so long for a member and its answer", &o.wait, 0, 1e6},
+            property_option(o.properties, "A property of the asker's address"),
+            component_option(o.component),
+        },
+        {noDaemon,
+         {exit_refused, "the daemon refused the interest"},
+         {exit_time_out, "the group has no member, or it did not answer"},
+         {exit_partly, "stopped before the state came"}},
+        "zeb state get '\"group=demo\"'"};
+    return v;
+}
+
+static verb state_keep_verb(state_options &o)
+{
+    verb v{
+        "state keep",
+        "Hold the state of a group and answer who asks",
+        R"(Joins a group, which others find by the properties given, and answers each question for the group's
+state with --body, the contents of --file, or standard input. Prints a line for each one who asked.)",
+        {},
+        {
+            property_option(o.properties, "A property by which the group is found"),
+            {"--body", "TEXT", "State", &o.body, 0, 0, {}, {"--file"}},
+            file_option(o.file, "the state"),
+            count_option(o.count),
+            for_option(o.seconds),
+            component_option(o.component),
+        },
+        {noDaemon, timeOver, {exit_partly, "fewer asked than --count"}},
+        "zeb state keep -p group=demo --body 42 --for 1"};
+    return v;
+}
+
 /* ---- Without a daemon ---- */
 
 static const char blockAbout[] = "Body blocks to and from JSON";
@@ -257,8 +380,9 @@ static verb check_verb(check_options &o)
 {
     verb v{"check",
            "Explain a subscription",
-           R"(Parses a subscription and prints its normal form (texts of one normal form match alike) and its
-clauses, one of which must be true, each with the predicate by which the daemon would file it. A text that is no
+           R"(Parses a subscription and prints its normal form (texts of one normal form match alike), its
+clauses, one of which must be true, and what the daemon would file each of them under: an event looks only where
+its own names and values lead, and tries "remainder" always. A text that is no
 subscription is shown with a caret under the octet where it is wrong.
 
   /app/disk/*              a glob for the type: * is any run without '/', ** any run, ? one octet but '/'
@@ -312,16 +436,47 @@ static verb help_verb(help_options &o)
 
 /* ---- The daemon and this host ---- */
 
-static verb status_verb()
+static verb status_verb(status_options &o)
 {
-    verb v{"status",
-           "Say whether the daemon can be reached, and which one it is",
-           R"(Connects as any program does and prints what the daemon says of itself.)",
+    verb v{
+        "status",
+        "Say whether the daemon can be reached, and which one it is",
+        R"(Connects as any program does, and prints what the daemon tells of itself through its administration
+socket when that can be reached: only the daemon's own user and root may use it. The options ask it for more, each
+with one line for each thing, and need it.)",
+        {},
+        {
+            {"--clients", "", "Who is connected", &o.clients},
+            {"--subscribers", "", "Who has subscribed to what, and how that is filed", &o.subscribers},
+            {"--counters", "", "Everything that is counted", &o.counters},
+            {"--metrics", "", "The counters in the format of a metrics collector", &o.metrics},
+        },
+        {{exit_no_daemon, "no daemon can be reached, which is printed as well"}, timeOver},
+        "zeb status",
+        15};
+    return v;
+}
+
+static verb monitor_verb(monitor_options &o)
+{
+    verb v{"monitor",
+           "Show every event that the daemon routes",
+           R"(Prints a line for each event that passes through the daemon, whoever sent it: connection of the
+sender, type, component, class, octets, and behind an arrow the receivers as CONNECTION/SUBSCRIBER, or "nobody".
+With --connection it prints everything that one client sends ("in") and gets ("out") instead, until that client
+is gone; `zeb status --clients` lists the connections. With --json the lines are as the daemon gives them:
+{"event": {...}}, {"trace": {...}}, and {"lost": N} where the reader was too slow.)",
            {},
-           {},
-           {{exit_no_daemon, "no daemon can be reached, which is printed as well"}, timeOver},
-           "zeb status",
-           15};
+           {
+               {"--connection", "N", "Only this client, and everything of it", &o.connection, 1, 1e15},
+               count_option(o.count),
+               for_option(o.seconds),
+           },
+           {{exit_no_daemon, "the administration socket cannot be reached"},
+            {exit_refused, "there is no such connection"},
+            timeOver,
+            {exit_partly, "fewer came than --count"}},
+           "zeb monitor --for 1"};
     return v;
 }
 
@@ -412,16 +567,22 @@ command_table make_table(settings &s)
 {
     command_table table;
     table.common = common_options_of(s.common);
-    table.groups = {{"stream", streamAbout}, {"block", blockAbout}};
+    table.groups = {{"stream", streamAbout}, {"state", stateAbout}, {"block", blockAbout}};
     table.verbs = {
         doing(pub_verb(s.pub), pub, s.pub),
         doing(sub_verb(s.sub), sub, s.sub),
+        doing(members_verb(s.members), members, s.members),
+        doing(call_verb(s.call), call, s.call),
+        doing(serve_verb(s.serve), serve, s.serve),
+        doing(state_get_verb(s.get), state_get, s.get),
+        doing(state_keep_verb(s.keep), state_keep, s.keep),
         doing(stream_send_verb(s.send), stream_send, s.send),
         doing(stream_receive_verb(s.receive), stream_receive, s.receive),
         doing(block_encode_verb(s.encode), block_encode, s.encode),
         doing(block_decode_verb(s.decode), block_decode, s.decode),
         doing(check_verb(s.check), check, s.check),
-        doing(status_verb(), status),
+        doing(status_verb(s.status), status, s.status),
+        doing(monitor_verb(s.monitor), monitor, s.monitor),
         doing(doctor_verb(), doctor),
         doing(bench_verb(s.bench), bench, s.bench),
         completion_verb(s.completion),

@@ -51,6 +51,7 @@ struct settings {
     state_options get, keep;
     block_options encode, decode;
     check_options check;
+    status_options status;
     monitor_options monitor;
     bench_options bench;
     completion_options completion;

@@ -72,7 +72,8 @@ struct state_options {
     std::optional<std::string> body, file;
     words properties;
     int64_t count = 0;
-    double seconds = 5; /* get: for a member to appear and to answer */
+    double wait = 5;    /* get: for a member to appear and to answer */
+    double seconds = 0; /* keep: 0 is no limit */
     std::string component = "zeb";
 };
 
@@ -85,6 +86,10 @@ struct check_options {
     std::string text;
     bool interest = false;
     std::optional<std::string> event;
+};
+
+struct status_options {
+    bool clients = false, subscribers = false, counters = false, metrics = false;
 };
 
 struct monitor_options {
@@ -121,7 +126,7 @@ exit_code serve(const common_options &common, const serve_options &options);
 exit_code state_get(const common_options &common, const state_options &options);
 exit_code state_keep(const common_options &common, const state_options &options);
 exit_code monitor(const common_options &common, const monitor_options &options);
-exit_code status(const common_options &common);
+exit_code status(const common_options &common, const status_options &options);
 exit_code doctor(const common_options &common);
 exit_code bench(const common_options &common, const bench_options &options);
 

@@ -11,22 +11,6 @@ std::string slurp(const std::string &name)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/* The verbs as the overview lists them. */
-std::vector<std::string> verbs_in(const std::string &overview)
-{
-    std::vector<std::string> verbs;
-    std::istringstream lines(overview.substr(overview.find("VERBS\n") + 6));
-    for (std::string line; std::getline(lines, line) && !line.empty();)
-        verbs.push_back(line.substr(4, line.find("  ", 4) - 4));
-    return verbs;
-}
-
-process::arguments words_of(const std::string &text)
-{
-    std::istringstream words(text);
-    return {std::istream_iterator<std::string>(words), {}};
-}
-
 TEST_F(Tool, EveryVerbHasAManualPage)
 {
     const std::vector<std::string> verbs = verbs_in(zeb({"help"}).out);

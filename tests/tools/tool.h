@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -124,4 +125,20 @@ inline std::vector<json> json_lines(const std::string &text)
     for (std::string line; std::getline(lines, line);)
         result.push_back(json::parse(line, nullptr, false));
     return result;
+}
+
+/* The verbs as the overview lists them. */
+inline std::vector<std::string> verbs_in(const std::string &overview)
+{
+    std::vector<std::string> verbs;
+    std::istringstream lines(overview.substr(overview.find("VERBS\n") + 6));
+    for (std::string line; std::getline(lines, line) && !line.empty();)
+        verbs.push_back(line.substr(4, line.find("  ", 4) - 4));
+    return verbs;
+}
+
+inline process::arguments words_of(const std::string &text)
+{
+    std::istringstream words(text);
+    return {std::istream_iterator<std::string>(words), {}};
 }

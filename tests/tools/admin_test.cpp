@@ -1,0 +1,141 @@
+/* zeb status, monitor and doctor through the administration socket. */
+#include "tool.h"
+
+#include <csignal>
+#include <sys/stat.h>
+
+namespace
+{
+
+struct Administration : Tool {
+    std::string socket;
+
+    void serve_administration()
+    {
+        socket = directory + "/admin.sock";
+        serve({"--instance", "east", "--admin", socket});
+    }
+
+    process::outcome admin(process::arguments command)
+    {
+        command.insert(command.end(), {"--admin", socket});
+        return zeb(command);
+    }
+};
+
+TEST_F(Administration, StatusShowsWhatTheDaemonTells)
+{
+    serve_administration();
+    const json status = json::parse(admin({"status", "--json"}).out);
+    EXPECT_EQ(status["reachable"], true);
+    EXPECT_EQ(status["port"], daemon.port);
+    EXPECT_EQ(status["instance"], "east");
+    EXPECT_EQ(status["pid"], daemon.pid);
+    EXPECT_TRUE(status["counters"].is_object());
+    const process::outcome plain = admin({"status"});
+    EXPECT_EQ(plain.code, 0);
+    EXPECT_EQ(
+        plain.out.find("daemon: reachable\nport: " + std::to_string(daemon.port) + "\ninstance: east\n"), 0U);
+    EXPECT_NE(plain.out.find("\npid: " + std::to_string(daemon.pid) + "\n"), std::string::npos) << plain.out;
+}
+
+TEST_F(Administration, StatusListsClientsAndSubscribers)
+{
+    serve_administration();
+    process::running sub;
+    subscribe(sub, {"\"@type=/watched\"", "--component", "watcher"});
+    const std::vector<json> subscribers = json_lines(admin({"status", "--subscribers", "--json"}).out);
+    ASSERT_EQ(subscribers.size(), 1U);
+    EXPECT_EQ(subscribers[0]["component"], "watcher");
+    EXPECT_EQ(subscribers[0]["subscription"], "\"@type=/watched\"");
+    const std::vector<json> clients = json_lines(admin({"status", "--clients", "--json"}).out);
+    ASSERT_EQ(clients.size(), 1U);
+    EXPECT_EQ(clients[0]["pid"], sub.pid);
+    EXPECT_NE(admin({"status", "--subscribers"}).out.find("component=watcher "), std::string::npos);
+    EXPECT_TRUE(json::parse(admin({"status", "--counters", "--json"}).out).is_object());
+    EXPECT_NE(admin({"status", "--metrics"}).out.find("\n# TYPE "), std::string::npos);
+}
+
+TEST_F(Administration, MonitorShowsEventsWithTheirReceivers)
+{
+    serve_administration();
+    process::running sub, monitor;
+    subscribe(sub, {"\"@type=/watched\"", "--body-only"});
+    run_until(monitor, {"monitor", "--json", "--count", "2", "--verbose", "--admin", socket},
+              "zeb: watching\n");
+    EXPECT_EQ(zeb({"pub", "/watched", "--body", "x"}).code, 0);
+    EXPECT_EQ(zeb({"pub", "/unseen", "--body", "y"}).code, 0);
+    EXPECT_EQ(process::finish(monitor), 0);
+    const std::vector<json> events = json_lines(monitor.outText);
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0]["event"]["type"], "/watched");
+    EXPECT_EQ(events[0]["event"]["receivers"].size(), 1U);
+    EXPECT_EQ(events[1]["event"]["receivers"].size(), 0U);
+}
+
+TEST_F(Administration, MonitorShowsAReadableLineEach)
+{
+    serve_administration();
+    process::running monitor;
+    run_until(monitor, {"monitor", "--verbose", "--admin", socket}, "zeb: watching\n");
+    EXPECT_EQ(zeb({"pub", "/a", "--body", "x", "--component", "c"}).code, 0);
+    ASSERT_TRUE(process::wait_for_out(monitor, " -> nobody\n"));
+    EXPECT_NE(monitor.outText.find(" /a c MessageNotification "), std::string::npos) << monitor.outText;
+    process::send_signal(monitor, SIGINT);
+    EXPECT_EQ(process::finish(monitor), 0);
+}
+
+TEST_F(Administration, MonitorFollowsOneConnectionToItsEnd)
+{
+    serve_administration();
+    process::running sub, monitor;
+    subscribe(sub, {"", "--body-only"});
+    const std::vector<json> clients = json_lines(admin({"status", "--clients", "--json"}).out);
+    ASSERT_EQ(clients.size(), 1U);
+    run_until(monitor,
+              {"monitor", "--json", "--connection", clients[0]["id"].dump(), "--verbose", "--admin", socket},
+              "zeb: watching\n");
+    EXPECT_EQ(zeb({"pub", "/a", "--body", "x"}).code, 0);
+    ASSERT_TRUE(process::wait_for_out(sub, "x\n"));
+    process::send_signal(sub, SIGINT);
+    EXPECT_EQ(process::finish(sub), 0);
+    EXPECT_EQ(process::finish(monitor), 0) << monitor.errText;
+    const std::vector<json> lines = json_lines(monitor.outText);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[0]["trace"]["direction"], "out");
+    EXPECT_EQ(lines[0]["trace"]["type"], "/a");
+    EXPECT_EQ(lines.back()["trace"]["direction"], "end");
+}
+
+TEST_F(Administration, WithoutTheSocketTheReasonIsSaid)
+{
+    socket = directory + "/none.sock";
+    const process::outcome result = admin({"monitor"});
+    EXPECT_EQ(result.code, 2);
+    EXPECT_EQ(result.err.find("zeb: no administration socket (" + socket), 0U) << result.err;
+    EXPECT_EQ(admin({"status", "--clients"}).code, 2);
+    serve_administration();
+    EXPECT_EQ(admin({"monitor", "--connection", "999999"}).code, 3);
+    EXPECT_EQ(admin({"monitor", "--for", "0.2"}).code, 0);
+    EXPECT_EQ(admin({"monitor", "--for", "0.2", "--count", "1"}).code, 5);
+    EXPECT_EQ(admin({"monitor", "--timeout", "0.3"}).code, 4);
+}
+
+TEST_F(Administration, TheDoctorLooksAtTheSocketAndItsMode)
+{
+    serve_administration();
+    const auto finding = [this] {
+        for (const json &line : json_lines(admin({"doctor", "--json"}).out))
+            if (line["check"] == "administration")
+                return line;
+        return json::object();
+    };
+    EXPECT_EQ(finding().value("result", ""), "ok");
+    chmod(socket.c_str(), 0666);
+    EXPECT_EQ(finding().value("result", ""), "wrong");
+    EXPECT_EQ(finding().value("mend", ""), "chmod 600 " + socket);
+    unlink(socket.c_str());
+    EXPECT_EQ(finding().value("result", ""), "note");
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+#include "admin.h"
+
+#include "defaults.h"
+#include "stop.h"
+
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace tool
+{
+
+admin_connection::~admin_connection()
+{
+    if (fd >= 0)
+        close(fd);
+}
+
+std::vector<std::string> admin_paths(const common_options &common, uint16_t port)
+{
+    return common.admin.empty() ? zebd::default_admin_paths(port) : std::vector{common.admin};
+}
+
+static int dial_path(const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
+        return fd;
+    const int error = errno;
+    if (fd >= 0)
+        close(fd);
+    errno = error;
+    return -1;
+}
+
+bool admin_try(const std::string &path, admin_connection &admin)
+{
+    admin.path = path;
+    admin.fd = dial_path(path);
+    return admin.fd >= 0;
+}
+
+exit_code admin_open(const common_options &common, admin_connection &admin)
+{
+    uint16_t port = 0;
+    if (!find_port(common, port))
+        return exit_usage;
+    std::string tried;
+    for (const std::string &path : admin_paths(common, port)) {
+        if (admin_try(path, admin))
+            return exit_done;
+        tried += (tried.empty() ? "" : ", ") + path + ": " + std::strerror(errno);
+    }
+    return fail(exit_no_daemon, "no administration socket (" + tried + ")");
+}
+
+/* ---- Lines ---- */
+
+static bool write_line(const admin_connection &admin, const std::string &line)
+{
+    return send(admin.fd, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size());
+}
+
+/* Waits in short steps, since a signal or the end of our reader must be noticed meanwhile. */
+static exit_code read_more(admin_connection &admin, double until)
+{
+    static constexpr int step = 100;
+    pollfd watched{admin.fd, POLLIN, 0};
+    for (;;) {
+        const double left = until - steady_clock();
+        if (left <= 0 || interrupted() || output_is_gone())
+            return exit_time_out;
+        if (poll(&watched, 1, left * 1000 < step ? static_cast<int>(left * 1000) + 1 : step) > 0)
+            break;
+    }
+    std::string buffer(65536, '\0');
+    const ssize_t count = recv(admin.fd, buffer.data(), buffer.size(), 0);
+    if (count <= 0)
+        return fail(exit_no_daemon, "the daemon has closed " + admin.path);
+    admin.pending.append(buffer, 0, static_cast<size_t>(count));
+    return exit_done;
+}
+
+exit_code admin_next(admin_connection &admin, double until, json &line)
+{
+    size_t feed = admin.pending.find('\n');
+    while (feed == std::string::npos) {
+        if (const exit_code code = read_more(admin, until); code != exit_done)
+            return code;
+        feed = admin.pending.find('\n');
+    }
+    line = json::parse(admin.pending.begin(), admin.pending.begin() + static_cast<ptrdiff_t>(feed), nullptr,
+                       false);
+    admin.pending.erase(0, feed + 1);
+    return line.is_object() ? exit_done : fail(exit_no_daemon, admin.path + " does not answer like a daemon");
+}
+
+exit_code admin_ask(admin_connection &admin, const json &question, json &answer)
+{
+    static constexpr double patience = 10;
+    if (!write_line(admin, line_of(question)))
+        return fail(exit_no_daemon, "the daemon has closed " + admin.path);
+    const exit_code code = admin_next(admin, steady_clock() + patience, answer);
+    if (code != exit_done)
+        return code == exit_time_out ? fail(code, admin.path + " does not answer") : code;
+    if (answer.value("ok", false))
+        return exit_done;
+    return fail(exit_refused, "refused: " + answer.value("error", "without a reason"));
+}
+
+} // namespace tool
