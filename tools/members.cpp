@@ -46,36 +46,32 @@ static void put_member(const watcher &w, const char *mark, const char *event, co
     put(line_of(line));
 }
 
-/* A list of changes; the first one holds everybody. */
-static void put_changes(const watcher &w, const wire_event &event)
+/* Everybody, from the full list that comes at the beginning, also when nobody is there. */
+static exit_code put_list(const watcher &w, wire_connection &daemon)
 {
-    for (const json &member : event.added)
-        put_member(w, "+", "join", member);
-    for (const json &member : event.removed)
-        put_member(w, "-", "leave", member);
+    wire_event event;
+    const exit_code code = wire_next(daemon, steady_clock() + wirePatience, event);
+    if (code == exit_time_out)
+        return interrupted() ? exit_partly : fail(code, "the daemon sent no list of members");
+    for (const json &member : event.members)
+        put_member(w, "", "", member);
+    return code;
 }
 
+/* Lists of changes; the first one holds everybody, and does not come while nobody is there. */
 static exit_code watch(const watcher &w, wire_connection &daemon)
 {
     const double until = w.options.seconds > 0 ? steady_clock() + w.options.seconds : HUGE_VAL;
-    bool first = true;
-    while (first || w.options.watch) {
+    for (;;) {
         wire_event event;
-        const exit_code code = wire_next(daemon, first ? steady_clock() + wirePatience : until, event);
-        if (code == exit_time_out && !first)
-            return exit_done;
+        const exit_code code = wire_next(daemon, until, event);
         if (code != exit_done)
-            return code == exit_time_out && !interrupted()
-                       ? fail(exit_time_out, "the daemon sent no list of members")
-                       : code;
-        if (event.cls != "MembershipDeltaNotification")
-            continue;
-        put_changes(w, event);
-        if (first && w.options.watch && w.common.verbose)
-            say("watching");
-        first = false;
+            return code == exit_time_out ? exit_done : code;
+        for (const json &member : event.members)
+            put_member(w, "+", "join", member);
+        for (const json &member : event.removed)
+            put_member(w, "-", "leave", member);
     }
-    return exit_done;
 }
 
 exit_code members(const common_options &common, const members_options &options)
@@ -89,8 +85,14 @@ exit_code members(const common_options &common, const members_options &options)
     wire_connection daemon;
     exit_code code = wire_open(port, daemon);
     if (code == exit_done)
-        code = wire_subscribe(daemon, options.interest);
-    return code == exit_done ? watch({common, options}, daemon) : code;
+        code = wire_subscribe(daemon, options.interest, options.watch);
+    if (code != exit_done)
+        return code;
+    if (!options.watch)
+        return put_list({common, options}, daemon);
+    if (common.verbose)
+        say("watching");
+    return watch({common, options}, daemon);
 }
 
 } // namespace tool

@@ -107,26 +107,11 @@ static size_t number_of(std::string_view header, const std::string &name)
 
 exit_code wire_open(uint16_t port, wire_connection &daemon)
 {
-    daemon.fd = dial(port);
-    const std::string where = "port " + std::to_string(port);
-    if (daemon.fd < 0)
-        return fail(exit_no_daemon, "no daemon on " + where);
-    const std::string request = "POST /connect HTTP/1.1\r\nVersion: 4 \r\nFormFactor: abc\r\nSelfId: Pid=" +
-                                std::to_string(getpid()) + "; Home=" + home_directory() + "\r\n\r\n";
+    const std::string request = "POST /subscribe HTTP/1.1\r\nContent-Length: 0\r\nSubscriberID: 1\r\n"
+                                "Subscription: null\r\nComponent: zeb members\r\nMbrInterest: " +
+                                interest + "\r\nMbrDeltas: " + (deltas ? "true" : "false") +
+                                "\r\nnumberOfProperties: 0\r\n\r\n";
     exit_code code = write_all(daemon, request);
-    std::string reply;
-    if (code == exit_done)
-        code = take_header(daemon, steady_clock() + wirePatience, reply);
-    if (code == exit_done && value_of(reply, "Result") == "success")
-        return exit_done;
-    return fail(exit_no_daemon, "what listens on " + where + " does not answer like a daemon");
-}
-
-exit_code wire_subscribe(wire_connection &daemon, const std::string &interest)
-{
-    exit_code code = write_all(daemon, "POST /subscribe HTTP/1.1\r\nContent-Length: 0\r\nSubscriberID: 1\r\n"
-                                       "Subscription: null\r\nComponent: zeb members\r\nMbrInterest: " +
-                                           interest + "\r\nMbrDeltas: true\r\nnumberOfProperties: 0\r\n\r\n");
     std::string reply;
     if (code == exit_done)
         code = take_header(daemon, steady_clock() + wirePatience, reply);
@@ -178,10 +163,10 @@ static void read_members(const std::string &octets, wire_event &event)
     zeb_bb_seg *segment = zeb_bb_seglist_getfirst(zeb_bb_getsegments(block.get()));
     for (; segment != nullptr; segment = zeb_bb_seglist_getnext(segment)) {
         const std::string_view name = text_of(zeb_bb_seg_getname(segment));
-        if (name.starts_with("addAddr"))
-            event.added.push_back(member_of(segment));
-        else if (name.starts_with("delAddr"))
+        if (name.starts_with("delAddr"))
             event.removed.push_back(member_of(segment));
+        else
+            event.members.push_back(member_of(segment));
     }
 }
 
@@ -197,7 +182,6 @@ exit_code wire_next(wire_connection &daemon, double until, wire_event &event)
         code = take(daemon, number_of(header, "AddrList-Length"), end, addresses);
     if (code != exit_done)
         return code;
-    event.cls = value_of(header, "className");
     read_members(addresses, event);
     return exit_done;
 }

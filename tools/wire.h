@@ -21,11 +21,10 @@ struct wire_connection {
     ~wire_connection();
 };
 
-/* An event of membership. Each member has key, id, component, host, instance, tier, tierid, subscription
- * (those that are there) and properties. */
+/* A list of members, or of changes: those that came are in `members` then. Each member has key, id,
+ * component, host, instance, tier, tierid, subscription (those that are there) and properties. */
 struct wire_event {
-    std::string cls;
-    std::vector<json> added, removed;
+    std::vector<json> members, removed;
 };
 
 /* Longest wait for an answer. Seconds. */
@@ -33,7 +32,7 @@ inline constexpr double wirePatience = 10;
 
 /* All of these return exit_done, or the code to end with after a line was said. */
 exit_code wire_open(uint16_t port, wire_connection &daemon);
-exit_code wire_subscribe(wire_connection &daemon, const std::string &interest);
+exit_code wire_subscribe(wire_connection &daemon, const std::string &interest, bool deltas);
 
 /* The next event; exit_time_out, with nothing said, when none came before UNTIL on the steady clock, or a
  * signal came, or nobody reads standard output any more. */
