@@ -107,6 +107,23 @@ static size_t number_of(std::string_view header, const std::string &name)
 
 exit_code wire_open(uint16_t port, wire_connection &daemon)
 {
+    daemon.fd = dial(port);
+    const std::string where = "port " + std::to_string(port);
+    if (daemon.fd < 0)
+        return fail(exit_no_daemon, "no daemon on " + where);
+    const std::string request = "POST /connect HTTP/1.1\r\nVersion: 4 \r\nFormFactor: abc\r\nSelfId: Pid=" +
+                                std::to_string(getpid()) + "; Home=" + home_directory() + "\r\n\r\n";
+    exit_code code = write_all(daemon, request);
+    std::string reply;
+    if (code == exit_done)
+        code = take_header(daemon, steady_clock() + wirePatience, reply);
+    if (code == exit_done && value_of(reply, "Result") == "success")
+        return exit_done;
+    return fail(exit_no_daemon, "what listens on " + where + " does not answer like a daemon");
+}
+
+exit_code wire_subscribe(wire_connection &daemon, const std::string &interest, bool deltas)
+{
     const std::string request = "POST /subscribe HTTP/1.1\r\nContent-Length: 0\r\nSubscriberID: 1\r\n"
                                 "Subscription: null\r\nComponent: zeb members\r\nMbrInterest: " +
                                 interest + "\r\nMbrDeltas: " + (deltas ? "true" : "false") +
