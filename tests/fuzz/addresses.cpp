@@ -36,13 +36,6 @@ struct lists {
     lists &operator=(const lists &) = delete;
 };
 
-std::string whole(std::string_view input)
-{
-    if (input.starts_with(unit::SIGNATURE.substr(0, 2)))
-        return std::string(input);
-    return std::string(unit::SIGNATURE) + std::string(input);
-}
-
 /* Everything that is read twice must be the same twice. */
 void check_copy(const zeb_laddrlist *list)
 {
@@ -70,12 +63,12 @@ void check_journey(const zeb_laddrlist *list)
 
 void fuzz_read(std::string_view input)
 {
-    const lists read(whole(input));
+    const lists read(unit::with_signature(input));
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const lists read(whole({reinterpret_cast<const char *>(data), size}));
+    const lists read(unit::with_signature({reinterpret_cast<const char *>(data), size}));
     fuzz::inspect(read.from);
     for (const zeb_laddrlist *list : {read.to, read.members, read.added, read.removed}) {
         if (list == nullptr)

@@ -12,13 +12,6 @@
 namespace
 {
 
-std::string whole(std::string_view input)
-{
-    if (input.starts_with(unit::SIGNATURE.substr(0, 2)))
-        return std::string(input);
-    return std::string(unit::SIGNATURE) + std::string(input);
-}
-
 /* In a block of its exact size, so that a read behind it is found out. */
 zeb_bb *decode(std::string_view body)
 {
@@ -57,12 +50,12 @@ void check_encoding(const zeb_bb *block, const std::string &found)
 
 void fuzz_read(std::string_view input)
 {
-    ezeb_bb_destroy(decode(whole(input)));
+    ezeb_bb_destroy(decode(unit::with_signature(input)));
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const std::string body = whole({reinterpret_cast<const char *>(data), size});
+    const std::string body = unit::with_signature({reinterpret_cast<const char *>(data), size});
     zeb_bb *block = decode(body);
     const std::string found = shown(block);
     FUZZ_CHECK(found == unit::slowly_decoded(body));

@@ -8,6 +8,8 @@
 #include "fuzz.h"
 #include "inspect.h"
 
+#include "bare_subscriber.h"
+
 #include "ezebqueue.h"
 #include "ezebstream.h"
 
@@ -18,19 +20,6 @@ namespace
 
 constexpr int32_t subscribers =
     3; /* an ordinary one, a member of a group, one whose creation is not answered */
-
-zeb_subscriber *new_subscriber(int32_t id, const char *interest)
-{
-    auto *sub = ezeb_new<zeb_subscriber>();
-    sub->references = 1;
-    sub->id = static_cast<uint32_t>(id);
-    ezeb_mutex_init(&sub->lock);
-    ezeb_cond_init(&sub->changed);
-    sub->queue = ezeb_queue_create();
-    sub->streams = ezeb_streamtbl_create();
-    sub->membershipInterest = ezeb_strdup_ornull(interest);
-    return sub;
-}
 
 /* A runtime without threads and without a connection. */
 struct world {
@@ -44,7 +33,7 @@ struct world {
         ezeb_registry_prepare(rt.get());
         for (zeb_subscriber *&sub : subs) {
             const int32_t id = ezeb_register_subscriber(rt.get());
-            sub = new_subscriber(id, id == 2 ? "" : nullptr);
+            sub = unit::bareSubscriber(id, id == 2 ? "" : nullptr);
             sub->registration = id == 3 ? EZEB_PENDING : EZEB_SETTLED;
             ezeb_activate_subscriber(rt.get(), sub);
         }

@@ -6,6 +6,7 @@
 #include "ezebstream.h"
 #include "ezebsubscriber.h"
 
+#include "bare_subscriber.h"
 #include "unit.h"
 
 #include <netinet/in.h>
@@ -89,23 +90,9 @@ struct Registry : testing::Test {
         ezeb_mutex_destroy(&rt->regmutex);
     }
 
-    /* A complete subscriber for the identifier ID, not in its slot yet. */
-    static zeb_subscriber *newSubscriber(int32_t id, const char *interest = nullptr)
-    {
-        auto *sub = ezeb_new<zeb_subscriber>();
-        sub->references = 1;
-        sub->id = static_cast<uint32_t>(id);
-        ezeb_mutex_init(&sub->lock);
-        ezeb_cond_init(&sub->changed);
-        sub->queue = ezeb_queue_create();
-        sub->streams = ezeb_streamtbl_create();
-        sub->membershipInterest = ezeb_strdup_ornull(interest);
-        return sub;
-    }
-
     zeb_subscriber *add(const char *interest = nullptr)
     {
-        zeb_subscriber *sub = newSubscriber(ezeb_register_subscriber(rt.get()), interest);
+        zeb_subscriber *sub = unit::bareSubscriber(ezeb_register_subscriber(rt.get()), interest);
         EXPECT_EQ(ezeb_activate_subscriber(rt.get(), sub), 1);
         return sub;
     }
@@ -298,7 +285,7 @@ TEST_F(Registry, WithoutMemoryForTheRequestTheSlotStaysEmpty)
 {
     unit::sweep([&](unit::refusal &refuse) {
         const int32_t id = ezeb_register_subscriber(rt.get());
-        zeb_subscriber *sub = newSubscriber(id, "interest");
+        zeb_subscriber *sub = unit::bareSubscriber(id, "interest");
         sub->subscription = ezeb_strdup("subscription");
         sub->component = ezeb_strdup("component");
         const int32_t before = queueLength();
@@ -358,7 +345,7 @@ TEST_F(Registry, EverySubscriberWithoutAQueuedRequestIsSubscribedAgain)
 
 TEST_F(Registry, AQueuedUnsubscribeOrAnUnknownIdentifierDoesNotCount)
 {
-    zeb_subscriber *stranger = newSubscriber(77);
+    zeb_subscriber *stranger = unit::bareSubscriber(77);
     add();
     forgetQueued();
     ASSERT_EQ(ezeb_subscriber_constructthensendsubsmsg(rt.get(), stranger), 1);
@@ -373,9 +360,9 @@ TEST_F(Registry, AQueuedUnsubscribeOrAnUnknownIdentifierDoesNotCount)
 
 TEST_F(Registry, SubscribersAreSubscribedAgainInTheOrderOfTheirIdentifiers)
 {
-    zeb_subscriber *first = newSubscriber(ezeb_register_subscriber(rt.get()));
-    zeb_subscriber *second = newSubscriber(ezeb_register_subscriber(rt.get()));
-    zeb_subscriber *third = newSubscriber(ezeb_register_subscriber(rt.get()));
+    zeb_subscriber *first = unit::bareSubscriber(ezeb_register_subscriber(rt.get()));
+    zeb_subscriber *second = unit::bareSubscriber(ezeb_register_subscriber(rt.get()));
+    zeb_subscriber *third = unit::bareSubscriber(ezeb_register_subscriber(rt.get()));
     ASSERT_EQ(ezeb_activate_subscriber(rt.get(), second), 1); /* creations may finish in another order */
     ASSERT_EQ(ezeb_activate_subscriber(rt.get(), third), 1);
     ASSERT_EQ(ezeb_activate_subscriber(rt.get(), first), 1);
@@ -447,7 +434,7 @@ TEST_F(Registry, WithoutMemoryTheMemberIsDroppedUntold)
 
 TEST_F(Registry, AfterTheEndNothingCanBeRegistered)
 {
-    zeb_subscriber *late = newSubscriber(ezeb_register_subscriber(rt.get()));
+    zeb_subscriber *late = unit::bareSubscriber(ezeb_register_subscriber(rt.get()));
     ezeb_registry_closeall(rt.get());
     EXPECT_EQ(ezeb_register_subscriber(rt.get()), -1);
     zeb_publisher publisher = {};

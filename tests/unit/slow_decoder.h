@@ -188,6 +188,14 @@ inline std::string slowly_decoded(std::string_view whole)
     return show(slow_decoder(whole.substr(SIGNATURE.size())).run());
 }
 
+/* INPUT as a body block: behind the signature, unless it begins like one. */
+inline std::string with_signature(std::string_view input)
+{
+    if (input.starts_with(SIGNATURE.substr(0, 2)))
+        return std::string(input);
+    return std::string(SIGNATURE) + std::string(input);
+}
+
 } // namespace unit
 
 #endif
