@@ -32,7 +32,7 @@ struct actor : process::running {
             at = find_line(beginning);
         }
         const size_t end = outText.find('\n', at);
-        const std::string line = outText.substr(at, end - at);
+        std::string line = outText.substr(at, end - at);
         outText.erase(0, end + 1);
         return line;
     }
