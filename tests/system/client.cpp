@@ -6,7 +6,7 @@
  *   pub TYPE BODY        burst TYPE COUNT       load TYPE MILLISECONDS      stream TYPE PIECE COUNT
  *   to NAME MEMBER TYPE BODY      reply NAME TYPE BODY      state NAME BODY      getstate NAME
  *   serve SERVER         stop SERVER            call SERVER FUNCTION ARGUMENT SERVERS
- *   many COUNT INTEREST DELTAS                  poll COUNT TYPE
+ *   many COUNT           poll COUNT TYPE
  *
  * Members are named by their property "name". */
 #include <cstdio>
@@ -393,7 +393,7 @@ void many(const fields &f)
     for (int i = 0; i < atoi(f[1].c_str()); i++) {
         zeb_proplist *properties = zeb_proplist_create();
         zeb_proplist_put(properties, "name", std::to_string(i).c_str());
-        all.push_back(zeb_subscriber_create_async(nullptr, "system-test", or_null(f[2]), properties));
+        all.push_back(zeb_subscriber_create_async(nullptr, "system-test", nullptr, properties));
         zeb_proplist_destroy(&properties);
     }
     for (zeb_subscriber *each : all)

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <thread>
+#include <vector>
 
 namespace
 {
@@ -110,7 +112,7 @@ TEST_F(System, AThousandMembersJoinWithinASecondAndLeaveAtOnce)
     start(watcher);
     start(members);
     watcher.subscribe("w", "-", "(\"@component=system-test\")", true);
-    members.tell({"many", "1000", "-", "false"});
+    members.tell({"many", "1000"});
     size_t added = 0, deltas = 0;
     while (added < 1000) {
         const std::string line = watcher.hear("w added");
@@ -124,20 +126,36 @@ TEST_F(System, AThousandMembersJoinWithinASecondAndLeaveAtOnce)
     EXPECT_EQ(names_in(watcher.hear("w added"), "removed"), 1000U);
 }
 
-TEST_F(System, AThousandMembersThatWatchEachOtherAllLearnOfEachOther)
+size_t occurrences(const std::string &text, const std::string &wanted)
 {
-    actor watcher, members;
-    start(watcher);
-    start(members);
-    watcher.subscribe("w", "-", "(\"name\")", true);
-    members.tell({"many", "1000", "(\"name\")", "false"});
-    EXPECT_EQ(members.hear("many done"), "many done");
-    size_t added = 0;
-    while (added < 1000)
-        added += names_in(watcher.hear("w added"), "added");
-    EXPECT_EQ(added, 1000U);
-    watcher.tell({"close", "w"});
-    EXPECT_EQ(watcher.hear("w closed"), "w closed");
+    size_t count = 0;
+    for (size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + 1))
+        count++;
+    return count;
+}
+
+/* Each member has a connection of its own and is told of each other member once, and never of itself. */
+TEST_F(System, HundredsOfMembersThatWatchEachOtherAllLearnOfEachOther)
+{
+    static constexpr size_t count = 300;
+    const std::string request =
+        wire::with(wire::with(wire::subscribeWithProperties, "MbrInterest: (\"/ZEB/RPC/SVR=a\")",
+                              "MbrInterest: (\"/ZEB/RPC/SVR\")"),
+                   "Subscription: (\"@type=/a\")&(\"k: v=1\")", "Subscription: null");
+    std::vector<std::unique_ptr<peer>> members;
+    for (size_t i = 0; i < count; i++) {
+        members.push_back(std::make_unique<peer>());
+        ASSERT_TRUE(members.back()->join(daemon.port));
+        ASSERT_TRUE(members.back()->say(request));
+    }
+    for (const auto &member : members) {
+        while (occurrences(member->got, "addAddr") < count - 1)
+            ASSERT_TRUE(member->more()) << occurrences(member->got, "addAddr") << " of " << count - 1;
+        EXPECT_EQ(occurrences(member->got, "addAddr"), count - 1);
+        EXPECT_EQ(occurrences(member->got, "delAddr"), 0U);
+    }
+    members[0]->hang_up();
+    ASSERT_NE(members[1]->hear("delAddr0").find("delAddr0"), std::string::npos);
 }
 
 /* ---- Bytes that are not the protocol ---- */
