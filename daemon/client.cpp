@@ -412,6 +412,10 @@ static void take_input(client &c, std::string_view bytes)
     if (subscribers != s.routing.subscribers.size())
         spdlog::debug("{} subscribed or unsubscribed: {} subscribers in all", client_name(c),
                       s.routing.subscribers.size());
+    for (const int32_t id : std::exchange(c.talk.unindexed, {}))
+        log_limited(log_kind::unindexed, spdlog::level::info,
+                    "{}: the subscription of its subscriber {} has to be tried for every event",
+                    client_name(c), id);
     if (goesOn) {
         count_incoming(c);
         if (s.config.stallSeconds > 0 && message_reader_in_message(c.talk.reader))

@@ -175,6 +175,16 @@ static std::string describe(const filed_clause &filed, subject_kind kind)
     }
 }
 
+bool index_is_unindexed(const subscription_index &index, uint64_t holder)
+{
+    const auto filed = index.filed.find(holder);
+    if (filed == index.filed.end())
+        return false;
+    const auto &clauses = filed->second.entry->clauses;
+    return std::any_of(clauses.begin(), clauses.end(),
+                       [](const auto &one) { return one->how == access_kind::remainder; });
+}
+
 std::vector<std::string> index_describe(const subscription_index &index, uint64_t holder)
 {
     const auto filed = index.filed.find(holder);

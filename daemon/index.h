@@ -59,6 +59,9 @@ void index_match(subscription_index &index, const subject &what, std::vector<uin
 /* The same by subscription: appends the entries. They live until their last holder is removed. */
 void index_match_entries(subscription_index &index, const subject &what, std::vector<index_entry *> &entries);
 
+/* Whether some clause of HOLDER's subscription is tried for every subject. */
+bool index_is_unindexed(const subscription_index &index, uint64_t holder);
+
 /* How the subscription of HOLDER is filed: one line for each clause, which begins with the kind of access.
  * Empty when HOLDER is not filed. */
 std::vector<std::string> index_describe(const subscription_index &index, uint64_t holder);

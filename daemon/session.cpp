@@ -37,6 +37,8 @@ static void handle_subscribe(session &session, engine &engine, subscribe_request
     const int32_t id = request.id;
     std::string why;
     const bool accepted = engine_up(engine, session.id, std::move(request), why);
+    if (accepted && index_is_unindexed(engine.index, engine.lastSerial))
+        session.unindexed.push_back(id);
     reply(session, engine, outgoing_status(id, accepted, accepted ? "subscribed" : why));
 }
 

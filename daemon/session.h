@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zebd
 {
@@ -27,6 +28,8 @@ struct session {
     std::string selfId;
     std::string pid;     /* taken out of the self id, empty when it has none */
     uint64_t events = 0; /* that it has published */
+    /* Subscribers of late whose subscription has to be tried for every event; taken out by who logs them. */
+    std::vector<int32_t> unindexed;
     message_tap tap;
 };
 

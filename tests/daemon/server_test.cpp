@@ -27,6 +27,15 @@ struct Server : testing::Test {
     }
 };
 
+/* The subscribe message of subscriber 1 with TEXT as its subscription. */
+std::string subscribeTo(std::string_view text)
+{
+    std::string request(wire::subscribeEverything);
+    const std::string line = "Subscription: ";
+    const size_t at = request.find(line) + line.size();
+    return request.replace(at, request.find("\r\n", at) - at, text);
+}
+
 TEST_F(Server, ListensOnBothLoopbackAddressesAndSaysSo)
 {
     serve();
@@ -72,6 +81,20 @@ TEST_F(Server, RoutesAnEventToOtherClientsAndBackToItsOwn)
             wire::messageEvent.substr(wire::messageEvent.find("affectedComponents"));
         EXPECT_EQ(each->hear("he\r\nl"), rest);
     }
+}
+
+TEST_F(Server, TellsOnceOfASubscriptionThatIsTriedForEveryEvent)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.join(daemon.port));
+    ASSERT_TRUE(client.subscribe(subscribeTo("!(\"tag=a\")")));
+    EXPECT_TRUE(process::wait_for_err(
+        daemon, "the subscription of its subscriber 1 has to be tried for every event\n"))
+        << log();
+    ASSERT_TRUE(client.subscribe(subscribeTo("/a/b")));
+    process::poll_output(daemon);
+    EXPECT_EQ(daemon.errText.find("has to be tried"), daemon.errText.rfind("has to be tried")) << log();
 }
 
 TEST_F(Server, KeepsTheOrderOfOneClientThroughAFlood)
