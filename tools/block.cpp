@@ -86,7 +86,8 @@ std::optional<decoded_block> decode_block(std::string_view body)
     if (block == nullptr)
         return std::nullopt;
     decoded_block result;
-    result.form["segments"] = segments_json(zeb_bb_getsegments(block.get()));
+    result.form = std::make_unique<json>();
+    (*result.form)["segments"] = segments_json(zeb_bb_getsegments(block.get()));
     const std::unique_ptr<char, freer> text(zeb_bb_toString(block.get()));
     result.text = text_of(text.get());
     std::string again;
@@ -236,7 +237,7 @@ exit_code block_decode(const common_options &, const block_options &options)
     const std::optional<decoded_block> block = decode_block(body);
     if (!block)
         return fail(exit_refused, "this is no body block");
-    put(options.text ? block->text : line_of(block->form));
+    put(options.text ? block->text : line_of(*block->form));
     return block->whole ? exit_done : fail(exit_partly, "the block is damaged; this is what could be read");
 }
 

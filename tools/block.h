@@ -3,6 +3,7 @@
 
 #include "json.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,7 +14,7 @@ namespace tool
 /* What a body holds when it is a body block. WHOLE tells whether encoding it gives the same octets again; a
  * block that was damaged on its way holds what came before the damage. */
 struct decoded_block {
-    json form;
+    std::unique_ptr<json> form;
     std::string text; /* indented, for people */
     bool whole = false;
 };

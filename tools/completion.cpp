@@ -112,7 +112,11 @@ static std::string bash_script(const command_table &table)
                          ")\n            ((i++)) ;;\n        -*) ;;\n"
                          "        *)\n            case $verb in\n";
     for (const auto &[group, about] : table.groups)
-        script += "            " + group + ") verb=\"" + group + " ${COMP_WORDS[i]}\" ;;\n";
+        script.append("            ")
+            .append(group)
+            .append(") verb=\"")
+            .append(group)
+            .append(" ${COMP_WORDS[i]}\" ;;\n");
     script += "            '' | help) verb=${COMP_WORDS[i]} ;;\n            esac ;;\n"
               "        esac\n    done\n    case $verb in\n    '')\n        words=\"" +
               joined(first_words(table)) + "\" ;;\n";

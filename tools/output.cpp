@@ -3,9 +3,11 @@
 #include "text.h"
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <initializer_list>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -97,26 +99,29 @@ bool progress_is_due()
 
 /* ---- Ending anywhere ---- */
 
-void quit(exit_code code, std::string_view text)
+/* Only what a signal handler may do: writes, and no memory but the stack. */
+[[noreturn]] static void quit_with(exit_code code, std::initializer_list<std::string_view> pieces)
 {
     if (progressShown != 0)
         write_all(STDERR_FILENO, wipe);
     write_all(STDERR_FILENO, "zeb: ");
-    write_all(STDERR_FILENO, text);
+    for (const std::string_view piece : pieces)
+        write_all(STDERR_FILENO, piece);
     write_all(STDERR_FILENO, "\n");
     _exit(code);
 }
 
-size_t decimal(unsigned long long number, char (&text)[24])
+void quit(exit_code code, std::string_view text)
+{
+    quit_with(code, {text});
+}
+
+void quit_after(uint64_t number, std::string_view things)
 {
     char digits[24];
-    size_t count = 0;
-    do
-        digits[count++] = static_cast<char>('0' + number % 10);
-    while ((number /= 10) != 0);
-    for (size_t i = 0; i < count; i++)
-        text[i] = digits[count - 1 - i];
-    return count;
+    const char *end = std::to_chars(digits, digits + sizeof(digits), number).ptr;
+    quit_with(exit_partly,
+              {"stopped after ", std::string_view(digits, static_cast<size_t>(end - digits)), " ", things});
 }
 
 } // namespace tool

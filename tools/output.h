@@ -3,6 +3,7 @@
  * of progress stands at the bottom of the terminal and is wiped before anything else is written. */
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -41,7 +42,7 @@ bool progress_is_due();
 /* Ends the process from wherever it is, a signal handler included, with a line on standard error. */
 [[noreturn]] void quit(exit_code code, std::string_view text);
 
-/* TEXT for standard error of a decimal number; safe in a signal handler. Returns the length. */
-size_t decimal(unsigned long long number, char (&text)[24]);
+/* The same where a run was stopped in the middle: "stopped after NUMBER THINGS". */
+[[noreturn]] void quit_after(uint64_t number, std::string_view things);
 
 } // namespace tool

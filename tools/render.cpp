@@ -62,7 +62,7 @@ std::string readable_line(const zeb_notification *n, bool blocks)
     line += (properties.empty() ? "" : " ") + properties;
     const std::string body = body_of(n);
     if (const std::optional<decoded_block> block = block_in(body, blocks))
-        return line + " | " + line_of(block->form);
+        return line + " | " + line_of(*block->form);
     if (!body.empty())
         line += " | " + escaped(body);
     return line + "\n";
@@ -115,7 +115,7 @@ std::string json_line(const zeb_notification *n, bool blocks)
     line["properties"] = properties_json(n);
     const std::string body = body_of(n);
     if (const std::optional<decoded_block> block = block_in(body, blocks))
-        line["block"] = block->form;
+        line["block"] = *block->form;
     else if (is_utf8(body))
         line["body"] = body;
     else

@@ -93,9 +93,11 @@ void sleep_for(double seconds)
 {
     static constexpr double step = 0.1;
     const double end = steady_clock() + seconds;
-    for (double left = seconds; left > 0 && !interrupted(); left = end - steady_clock()) {
+    double left = seconds;
+    while (left > 0 && !interrupted()) {
         const timespec pause{0, static_cast<long>(std::min(left, step) * 1e9)};
         nanosleep(&pause, nullptr);
+        left = end - steady_clock();
     }
 }
 

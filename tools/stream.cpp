@@ -100,28 +100,24 @@ exit_code stream_send(const common_options &common, const stream_options &option
     if (code != exit_done)
         return code;
     watch_signals();
-    const publisher_owner publisher(zeb_publisher_create(options.component.c_str()));
+    publisher_owner publisher(zeb_publisher_create(options.component.c_str()));
     outstream_owner stream = begin_stream(publisher.get(), options, properties);
     code = stream == nullptr ? fail(exit_no_daemon, "the stream could not be made")
                              : send_input(fd, stream.get(), static_cast<size_t>(options.piece));
     stream.reset(); /* sends the end mark */
+    publisher.reset();
     zeb_shutdown();
     return code;
 }
 
 /* ---- Receiving ---- */
 
-static std::atomic<unsigned long long> received{0};
+static std::atomic<uint64_t> received{0};
 
 /* Reads of a stream have no limit, so a signal ends the run from its handler. */
 static void on_stop()
 {
-    char text[128] = "stopped after ";
-    char digits[24];
-    const size_t count = decimal(received.load(), digits);
-    std::memcpy(text + std::strlen(text), digits, count);
-    std::strcat(text, " octets");
-    quit(exit_partly, text);
+    quit_after(received, "octets");
 }
 
 /* A type is asked for as it is; anything else is a subscription. */

@@ -2,9 +2,9 @@
 #include "terminal.h"
 #include "tool.h"
 
+#include <algorithm>
 #include <csignal>
 #include <map>
-#include <regex>
 
 namespace
 {
@@ -230,9 +230,11 @@ TEST_F(Tool, CtrlCLeavesACleanTerminalAndSaysWhatWasDone)
     ASSERT_TRUE(screen.wait_for("2 of 100000 published")) << screen.seen;
     screen.type("\x03");
     EXPECT_EQ(screen.finish(), 5);
-    const std::string left =
-        screen.screen(); /* the terminal itself shows ^C, unless it was wiped with the line */
-    EXPECT_TRUE(std::regex_match(left, std::regex("(\\^C)?zeb: stopped after [0-9]+ notifications\n")))
+    std::string left = screen.screen(); /* the terminal itself shows ^C, unless it was wiped with the line */
+    left.erase(std::remove_if(left.begin(), left.end(), [](char c) { return c >= '0' && c <= '9'; }),
+               left.end());
+    EXPECT_TRUE(left == "zeb: stopped after  notifications\n" ||
+                left == "^Czeb: stopped after  notifications\n")
         << left;
 }
 
