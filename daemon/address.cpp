@@ -141,7 +141,7 @@ subject address_subject(const subscriber &member, const daemon_identity &identit
     properties.clear();
     for (const auto &[name, value] : member.request.properties)
         properties.push_back({name, value});
-    what.properties = properties;
+    what.properties = properties_in_order(properties);
     return what;
 }
 

@@ -150,7 +150,7 @@ static subject subject_of(const event &from, std::vector<property_view> &propert
     properties.clear();
     for (const property_slice &property : from.properties)
         properties.push_back({from.text(property.name), from.text(property.value)});
-    what.properties = properties;
+    what.properties = properties_in_order(properties);
     return what;
 }
 

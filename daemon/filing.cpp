@@ -1,5 +1,7 @@
 #include "filing.h"
 
+#include <algorithm>
+#include <cmath>
 #include <limits>
 
 namespace zebd
@@ -180,43 +182,72 @@ void filing_remove(filing &where, const filed_clause &filed)
 
 /* ---- Finding ---- */
 
-/* Rounding to a double keeps the order, so whatever lies on the right side of the exact bound is among those
- * that lie on the right side of the rounded one, or equal to it. */
-static void collect_bounds(const name_table &table, std::string_view value, clause_list &candidates)
+/* Some value lies above a bound when the largest does, and below it when the smallest does. Rounding to a
+ * double keeps the order, so whatever lies on the right side of the exact bound is among those that lie on
+ * the right side of the rounded one, or equal to it. */
+static void collect_bounds(const name_table &table, std::span<const property_view> values,
+                           clause_list &candidates)
 {
-    number given;
-    if ((table.above.empty() && table.below.empty()) || !number_parse(value, given))
+    if (table.above.empty() && table.below.empty())
         return;
-    const auto end = table.above.upper_bound(given.real);
+    double least = HUGE_VAL, most = -HUGE_VAL;
+    bool numbers = false;
+    for (const property_view &property : values) {
+        number given;
+        if (!number_parse(property.value, given))
+            continue;
+        least = std::min(least, given.real);
+        most = std::max(most, given.real);
+        numbers = true;
+    }
+    if (!numbers)
+        return;
+    const auto end = table.above.upper_bound(most);
     for (auto at = table.above.begin(); at != end; ++at)
         candidates.push_back(at->second);
-    for (auto at = table.below.lower_bound(given.real); at != table.below.end(); ++at)
+    for (auto at = table.below.lower_bound(least); at != table.below.end(); ++at)
         candidates.push_back(at->second);
 }
 
-static void collect_value(const name_table &table, std::string_view value, clause_list &candidates)
+/* VALUES are all that one name has, each once. */
+static void collect_values(name_table &table, std::span<const property_view> values, uint64_t round,
+                           clause_list &candidates)
 {
     if (table.count == 0)
         return;
-    const auto equal = table.equal.find(value);
-    if (equal != table.equal.end())
-        candidates.insert(candidates.end(), equal->second.begin(), equal->second.end());
-    prefix_tree_collect(table.prefixes, value, candidates);
-    collect_bounds(table, value, candidates);
+    for (const property_view &property : values) {
+        const auto equal = table.equal.find(property.value);
+        if (equal != table.equal.end())
+            candidates.insert(candidates.end(), equal->second.begin(), equal->second.end());
+        prefix_tree_collect(table.prefixes, property.value, round, candidates);
+    }
+    collect_bounds(table, values, candidates);
     candidates.insert(candidates.end(), table.present.begin(), table.present.end());
 }
 
-void filing_collect(const filing &where, const subject &what, clause_list &candidates)
+static void collect_properties(filing &where, std::span<const property_view> properties, uint64_t round,
+                               clause_list &candidates)
 {
-    for (size_t i = 0; i < field_count; i++)
-        if (!what.fields[i].empty())
-            collect_value(where.fields[i], what.fields[i], candidates);
-    if (!where.properties.empty())
-        for (const property_view &property : what.properties) {
-            const auto at = where.properties.find(property.name);
-            if (at != where.properties.end())
-                collect_value(at->second, property.value, candidates);
-        }
+    if (where.properties.empty())
+        return;
+    for (auto first = properties.begin(); first != properties.end();) {
+        const auto next = std::find_if(first, properties.end(),
+                                       [&](const auto &other) { return other.name != first->name; });
+        const auto at = where.properties.find(first->name);
+        if (at != where.properties.end())
+            collect_values(at->second, {first, next}, round, candidates);
+        first = next;
+    }
+}
+
+void filing_collect(filing &where, const subject &what, uint64_t round, clause_list &candidates)
+{
+    for (size_t i = 0; i < field_count; i++) {
+        const property_view value{{}, what.fields[i]};
+        if (!value.value.empty())
+            collect_values(where.fields[i], {&value, 1}, round, candidates);
+    }
+    collect_properties(where, what.properties, round, candidates);
     candidates.insert(candidates.end(), where.remainder.begin(), where.remainder.end());
 }
 

@@ -5,15 +5,11 @@
 
 #include "clauses.h"
 #include "prefixtree.h"
+#include "textmap.h"
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <map>
-#include <string>
-#include <string_view>
-#include <unordered_map>
-#include <vector>
 
 namespace zebd
 {
@@ -40,17 +36,6 @@ struct filed_clause {
     std::multimap<double, filed_clause *>::iterator bound; /* for bound */
 };
 
-struct text_hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const
-    {
-        return std::hash<std::string_view>()(text);
-    }
-};
-
-template <typename Value>
-using text_map = std::unordered_map<std::string, Value, text_hash, std::equal_to<>>;
-
 /* All that is filed under one name. */
 struct name_table {
     size_t count = 0;
@@ -71,7 +56,8 @@ void filing_add(filing &where, filed_clause &filed);
 
 void filing_remove(filing &where, const filed_clause &filed);
 
-/* Appends the clauses that may be true for WHAT; one can come several times. */
-void filing_collect(const filing &where, const subject &what, clause_list &candidates);
+/* Appends the clauses that may be true for WHAT, each once. ROUND is a number never used before, and not 0.
+ */
+void filing_collect(filing &where, const subject &what, uint64_t round, clause_list &candidates);
 
 } // namespace zebd

@@ -1,7 +1,7 @@
 /* Glob patterns over octets: `*` is any run without '/', `**` any run, `?` one octet but '/', `\c` is c.
  * A backslash that ends the pattern stands for itself. A pattern is compiled once and matched often; matching
- * never allocates unless wildcards stand on both sides of a literal, and takes at most the product of the two
- * lengths, whatever the pattern. Plain values: one thread at a time for changes, any number for matching. */
+ * never allocates unless wildcards stand on both sides of a literal, and takes at most a few passes over the
+ * text for each wildcard. Plain values: one thread at a time for changes, any number for matching. */
 #pragma once
 
 #include <cstdint>
@@ -22,6 +22,9 @@ enum class glob_part_kind : uint8_t {
 struct glob_part {
     glob_part_kind kind = glob_part_kind::literal;
     std::string text; /* literal only */
+    /* Of a literal between two runs: for each place in it, how much of its beginning has been seen there when
+     * the place itself does not go on. */
+    std::vector<uint32_t> fallback;
 };
 
 struct glob {
@@ -29,6 +32,8 @@ struct glob {
 };
 
 glob glob_compile(std::string_view pattern);
+
+size_t glob_wildcards(const glob &pattern);
 
 /* True when PATTERN matches the whole of TEXT. */
 bool glob_matches(const glob &pattern, std::string_view text);

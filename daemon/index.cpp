@@ -101,11 +101,11 @@ static bool holds(const filed_clause &filed, const subject &what)
 }
 
 /* An entry is found through any of its clauses, and counts once. */
-static void match_filing(subscription_index &index, const filing &where, const subject &what,
+static void match_filing(subscription_index &index, filing &where, const subject &what,
                          std::vector<index_entry *> &entries)
 {
     index.candidates.clear();
-    filing_collect(where, what, index.candidates);
+    filing_collect(where, what, index.matches, index.candidates);
     for (const filed_clause *candidate : index.candidates) {
         index_entry &entry = *candidate->owner;
         if (entry.found == index.matches || !holds(*candidate, what))

@@ -1,6 +1,7 @@
 #include "prefixtree.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zebd
 {
@@ -103,11 +104,12 @@ void prefix_tree_drop(prefix_tree &tree, std::string_view prefix)
     }
 }
 
-void prefix_tree_collect(const prefix_tree &tree, std::string_view text, clause_list &out)
+void prefix_tree_collect(prefix_tree &tree, std::string_view text, uint64_t round, clause_list &out)
 {
-    const prefix_node *node = &tree.root;
+    prefix_node *node = &tree.root;
     for (;;) {
-        out.insert(out.end(), node->filed.begin(), node->filed.end());
+        if (std::exchange(node->collected, round) != round)
+            out.insert(out.end(), node->filed.begin(), node->filed.end());
         if (text.empty())
             return;
         node = child_of(*node, text[0]);

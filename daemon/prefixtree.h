@@ -3,6 +3,7 @@
  * list of pointers of which the tree knows nothing. */
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,6 +19,7 @@ struct prefix_node {
     std::string label; /* the octets of the edge that leads here */
     clause_list filed;
     std::vector<std::unique_ptr<prefix_node>> children; /* by the first octet of their label */
+    uint64_t collected = 0;                             /* in which round last */
 };
 
 struct prefix_tree {
@@ -33,7 +35,8 @@ clause_list *prefix_tree_find(prefix_tree &tree, std::string_view prefix);
 /* Takes PREFIX out once its list is empty. */
 void prefix_tree_drop(prefix_tree &tree, std::string_view prefix);
 
-/* Appends the lists of all beginnings of TEXT. */
-void prefix_tree_collect(const prefix_tree &tree, std::string_view text, clause_list &out);
+/* Appends the lists of all beginnings of TEXT, but for those that were already appended in this ROUND, which
+ * is not 0. */
+void prefix_tree_collect(prefix_tree &tree, std::string_view text, uint64_t round, clause_list &out);
 
 } // namespace zebd

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <optional>
+#include <tuple>
 
 namespace zebd
 {
@@ -245,17 +246,20 @@ static std::string undouble_quotes(std::string_view text)
 }
 
 /* A glob without wildcards is an equality, which is cheaper to test and easier to file. */
-static void set_glob(predicate &test, std::string_view pattern)
+static bool set_glob(parser &p, size_t offset, predicate &test, std::string_view pattern)
 {
     test.how = relation::glob;
     test.value = pattern;
     test.pattern = glob_compile(pattern);
+    if (glob_wildcards(test.pattern) > p.limits.wildcards)
+        return fail(p, parse_code::limit, offset, "too many wildcards in a pattern");
     std::string literal;
     if (!glob_is_literal(test.pattern, literal))
-        return;
+        return true;
     test.how = relation::equal;
     test.value = literal;
     test.pattern = glob();
+    return true;
 }
 
 static bool parse_relation(parser &p, size_t open, size_t end, predicate &test)
@@ -268,9 +272,7 @@ static bool parse_relation(parser &p, size_t open, size_t end, predicate &test)
     test.value = undouble_quotes(p.text.substr(begin, end - begin));
     if (is_comparison(test.how) && !number_parse(test.value, test.bound))
         return fail(p, parse_code::number, open, "a comparison needs a number");
-    if (test.how == relation::glob)
-        set_glob(test, std::string(test.value));
-    return true;
+    return test.how != relation::glob || set_glob(p, open, test, std::string(test.value));
 }
 
 static bool parse_predicate(parser &p, expression &out)
@@ -421,9 +423,8 @@ static bool parse_shorthand(parser &p, expression &out)
     out.kind = expression::kind_t::test;
     out.test.onField = true;
     out.test.fixed = field::type;
-    set_glob(out.test, p.text.substr(begin, end - begin));
     p.at = end;
-    return true;
+    return set_glob(p, begin, out.test, p.text.substr(begin, end - begin));
 }
 
 static bool parse_text(parser &p, expression &out)
@@ -473,6 +474,15 @@ std::string parse_error_text(const parse_error &error)
 
 /* ---- Evaluation ---- */
 
+std::span<const property_view> properties_in_order(std::vector<property_view> &properties)
+{
+    const auto key = [](const property_view &property) { return std::tie(property.name, property.value); };
+    std::ranges::sort(properties, {}, key);
+    const auto repeated = std::ranges::unique(properties, {}, key);
+    properties.erase(repeated.begin(), repeated.end());
+    return properties;
+}
+
 static bool compare_value(const predicate &test, std::string_view value)
 {
     number given;
@@ -507,6 +517,14 @@ static bool value_satisfies(const predicate &test, std::string_view value)
     }
 }
 
+static bool some_value_satisfies(const predicate &test, std::span<const property_view> values)
+{
+    if (test.how == relation::equal || test.how == relation::not_equal)
+        return std::ranges::binary_search(values, test.value, {}, &property_view::value);
+    return std::ranges::any_of(
+        values, [&test](const property_view &property) { return value_satisfies(test, property.value); });
+}
+
 /* `!=` asks that there be a value and that none of them be equal; every other predicate that some value
  * satisfies it. */
 bool predicate_holds(const predicate &test, const subject &what)
@@ -516,15 +534,8 @@ bool predicate_holds(const predicate &test, const subject &what)
         const std::string_view value = what.fields[static_cast<size_t>(test.fixed)];
         return !value.empty() && value_satisfies(test, value) != negative;
     }
-    bool present = false;
-    for (const property_view &property : what.properties) {
-        if (property.name != test.name)
-            continue;
-        if (value_satisfies(test, property.value))
-            return !negative;
-        present = true;
-    }
-    return present && negative;
+    const auto values = std::ranges::equal_range(what.properties, test.name, {}, &property_view::name);
+    return !values.empty() && some_value_satisfies(test, values) != negative;
 }
 
 static bool holds(const expression &tree, const subject &what)

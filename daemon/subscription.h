@@ -55,8 +55,12 @@ struct property_view {
  * property that is empty has one. The same property name may occur several times. */
 struct subject {
     std::array<std::string_view, field_count> fields{};
-    std::span<const property_view> properties;
+    std::span<const property_view> properties; /* as properties_in_order() leaves them */
 };
+
+/* Sorts PROPERTIES by name and value and drops what is there twice, which cannot be seen by any predicate: a
+ * name is then looked up, however many properties there are. */
+std::span<const property_view> properties_in_order(std::vector<property_view> &properties);
 
 enum class relation : uint8_t { present, equal, not_equal, glob, less, less_equal, greater, greater_equal };
 
@@ -103,6 +107,7 @@ struct language_limits {
     size_t octets = 65536;
     size_t nesting = 64; /* parentheses and negations open at one place */
     size_t predicates = 8192;
+    size_t wildcards = 32; /* in one pattern: each costs a pass over the value */
 };
 
 /* Parses TEXT. Returns true with OUT filled, or false with ERROR filled and OUT untouched. */

@@ -96,7 +96,7 @@ static bool is_true_for(const zebd::subscription &parsed, const evaluated &what)
     std::vector<zebd::property_view> properties;
     for (const auto &[name, value] : what.properties)
         properties.push_back({name, value});
-    subject.properties = properties;
+    subject.properties = zebd::properties_in_order(properties);
     return zebd::subscription_matches(parsed, subject);
 }
 

@@ -62,7 +62,7 @@ static void fill(thing &t)
                 t.what.fields[static_cast<size_t>(known.which)] = value;
     for (const auto &[name, value] : t.properties)
         t.views.push_back({name, value});
-    t.what.properties = t.views;
+    t.what.properties = zebd::properties_in_order(t.views);
 }
 
 static std::unique_ptr<thing> read_thing(const std::vector<std::string> &columns)

@@ -2,6 +2,7 @@
 #include "corpus.h"
 #include "subscription.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -246,6 +247,39 @@ TEST(Glob, ABackslashAtTheEndStandsForItself)
     EXPECT_FALSE(glob_matches(glob_compile("a\\"), "a"));
 }
 
+/* Parts of such a literal that matched may begin the next occurrence, also across it. */
+TEST(Glob, LiteralsThatOverlapThemselvesAreFoundWhereverTheyStand)
+{
+    int matched = 0;
+    for (size_t number = 0; number < 19683; number++) {
+        std::string text;
+        for (size_t left = number; text.size() < 9; left /= 3)
+            text.push_back("ab/"[left % 3]);
+        for (const char *pattern :
+             {"*aabaa*", "**abab*a", "*aa*aa**", "**a/a**a*", "*ba?ab**", "?*aba**aba*?"}) {
+            const bool expected = slow_glob(pattern, text);
+            ASSERT_EQ(glob_matches(glob_compile(pattern), text), expected) << pattern << " on " << text;
+            matched += expected ? 1 : 0;
+        }
+    }
+    EXPECT_GT(matched, 1000);
+}
+
+/* The most that one subscription and one event can ask for; also a sanitizer's build stays below this bound,
+ * which trying the literals at each place would exceed. */
+TEST(Glob, TheLargestPatternOnTheLargestTextIsMatchedInBoundedTime)
+{
+    std::string pattern;
+    for (int i = 0; i < 31; i++)
+        pattern += "*" + std::string(2000, 'a');
+    const glob largest = glob_compile(pattern + "b*");
+    const std::string text(130000, 'a');
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(glob_matches(largest, text));
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    EXPECT_LT(took.count(), 3.0);
+}
+
 /* A backtracking matcher would need longer than the universe has for this one. */
 TEST(Glob, ManyRunsAreMatchedInBoundedTime)
 {
@@ -254,6 +288,24 @@ TEST(Glob, ManyRunsAreMatchedInBoundedTime)
         pattern += "*a";
     EXPECT_FALSE(glob_matches(glob_compile(pattern + "b"), std::string(5000, 'a')));
     EXPECT_TRUE(glob_matches(glob_compile(pattern), std::string(5000, 'a')));
+}
+
+TEST(Subscription, WildcardsOfOnePatternAreLimited)
+{
+    const auto code_of = [](const std::string &text) {
+        subscription result;
+        parse_error error;
+        return subscription_parse(text, subject_kind::event, language_limits(), result, error)
+                   ? ""
+                   : parse_error_text(error);
+    };
+    std::string allowed;
+    for (int i = 0; i < 16; i++)
+        allowed += "*a?";
+    EXPECT_EQ(code_of(allowed), "");
+    EXPECT_EQ(code_of(allowed + "a*"), "E_LIMIT 0 too many wildcards in a pattern");
+    EXPECT_EQ(code_of("(\"p~=" + allowed + "a?\")"), "E_LIMIT 1 too many wildcards in a pattern");
+    EXPECT_EQ(code_of("(\"p~=" + allowed + "\")&(\"p~=" + allowed + "\")"), "");
 }
 
 TEST(Number, IsSignDigitsAndFraction)

@@ -14,10 +14,14 @@ using namespace zebd;
 
 std::vector<std::vector<property_view>> sample_properties()
 {
-    return {{},
-            {{"a", "1"}, {"b", ""}, {"a", "x/y"}},
-            {{"sev", "3"}, {"tag", "a"}, {"tag", "b"}, {"note", ""}, {"/ZEB/RPC/SVR", "a"}},
-            {{"sev", "-12.5"}, {"@x", "9223372036854775807"}, {"q\"", "\""}, {"%", "="}}};
+    std::vector<std::vector<property_view>> samples = {
+        {},
+        {{"a", "1"}, {"b", ""}, {"a", "x/y"}},
+        {{"sev", "3"}, {"tag", "a"}, {"tag", "b"}, {"note", ""}, {"/ZEB/RPC/SVR", "a"}},
+        {{"sev", "-12.5"}, {"@x", "9223372036854775807"}, {"q\"", "\""}, {"%", "="}}};
+    for (std::vector<property_view> &each : samples)
+        properties_in_order(each);
+    return samples;
 }
 
 /* Every field is set in some subjects and empty in others. */
