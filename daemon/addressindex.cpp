@@ -5,23 +5,30 @@
 namespace zebd
 {
 
+static void put_in(name_places &places, const std::string &value, uint64_t serial)
+{
+    places.present.insert(serial);
+    places.values[value].insert(serial);
+}
+
 void address_index_add(address_index &index, const subscriber &member)
 {
     if (!member.request.component.empty())
-        index.components[member.request.component].insert(member.serial);
+        put_in(index.components, member.request.component, member.serial);
     for (const auto &[name, value] : member.request.properties)
-        index.properties[name][value].insert(member.serial);
+        put_in(index.properties[name], value, member.serial);
 }
 
 /* Takes SERIAL out of the set under VALUE, and the set away with its last one. */
-static void take_out(text_map<serial_set> &values, const std::string &value, uint64_t serial)
+static void take_out(name_places &places, const std::string &value, uint64_t serial)
 {
-    const auto at = values.find(value);
-    if (at == values.end())
+    places.present.erase(serial);
+    const auto at = places.values.find(value);
+    if (at == places.values.end())
         return; /* a property that was sent twice */
     at->second.erase(serial);
     if (at->second.empty())
-        values.erase(at);
+        places.values.erase(at);
 }
 
 void address_index_remove(address_index &index, const subscriber &member)
@@ -32,23 +39,26 @@ void address_index_remove(address_index &index, const subscriber &member)
         if (at == index.properties.end())
             continue;
         take_out(at->second, value, member.serial);
-        if (at->second.empty())
+        if (at->second.values.empty())
             index.properties.erase(at);
     }
 }
 
+/* Every predicate on a name asks that it be there. */
 static const serial_set *set_of(const address_index &index, const predicate &test)
 {
     static const serial_set none;
-    const text_map<serial_set> *values = &index.components;
+    const name_places *places = &index.components;
     if (!test.onField) {
         const auto named = index.properties.find(test.name);
         if (named == index.properties.end())
             return &none;
-        values = &named->second;
+        places = &named->second;
     }
-    const auto at = values->find(test.value);
-    return at != values->end() ? &at->second : &none;
+    if (test.how != relation::equal)
+        return &places->present;
+    const auto at = places->values.find(test.value);
+    return at != places->values.end() ? &at->second : &none;
 }
 
 /* The smallest set that a clause leads to, or null when nothing in it leads anywhere. */
@@ -58,7 +68,7 @@ static const serial_set *narrowest(const address_index &index, const clause &lit
     for (const literal &one : literals) {
         const predicate &test = *one.test;
         const bool indexed = !test.onField || test.fixed == field::component;
-        if (one.negated || test.how != relation::equal || !indexed)
+        if (one.negated || !indexed)
             continue;
         const serial_set *its = set_of(index, test);
         if (best == nullptr || its->size() < best->size())

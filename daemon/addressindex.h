@@ -1,5 +1,5 @@
 /* The addresses that are there, by what interests most often ask for: component and properties. It finds the
- * first list of a new interest without asking every address. One thread. */
+ * list of an interest without asking every address. One thread. */
 #pragma once
 
 #include "filing.h"
@@ -15,9 +15,15 @@ namespace zebd
 
 using serial_set = std::set<uint64_t>;
 
+/* Who has a name, and with which value. */
+struct name_places {
+    serial_set present;
+    text_map<serial_set> values;
+};
+
 struct address_index {
-    text_map<serial_set> components;
-    text_map<text_map<serial_set>> properties; /* by name, then value */
+    name_places components;
+    text_map<name_places> properties; /* by name */
 };
 
 void address_index_add(address_index &index, const subscriber &member);

@@ -205,10 +205,10 @@ static member_context context_of(const engine &engine)
     return {engine.subscribers, engine.identity, engine.out, engine.now(), engine.lastSerial};
 }
 
-static void tell_before(engine &engine, const delivery &how, const subscriber &receiver)
+static void tell_before(engine &engine, const delivery &how, std::span<const uint64_t> receivers)
 {
     if (how.directed && how.source != nullptr && membership_pending(engine.members))
-        membership_tell_before(engine.members, context_of(engine), receiver, *how.source);
+        membership_tell_before(engine.members, context_of(engine), receivers, *how.source);
 }
 
 static void report(const engine &engine, const delivery &how, const event &what,
@@ -227,6 +227,7 @@ static void report(const engine &engine, const delivery &how, const event &what,
 static void hand_out(engine &engine, const delivery &how, const std::shared_ptr<const event> &what,
                      std::span<const uint64_t> receivers)
 {
+    tell_before(engine, how, receivers);
     std::shared_ptr<const encoded_event> encoded;
     size_t dropped = 0;
     for (const uint64_t serial : receivers) {
@@ -237,7 +238,6 @@ static void hand_out(engine &engine, const delivery &how, const std::shared_ptr<
         }
         if (encoded == nullptr)
             encoded = encode_event(what, engine.now(), addresses_of(engine, how, receivers));
-        tell_before(engine, how, *receiver);
         outgoing item = outgoing_event(encoded, receiver->request.id);
         item.droppable = !how.directed && what->cls == event_class::message;
         dropped += engine.out.send(engine.out.context, receiver->connection, std::move(item)) ? 0 : 1;

@@ -3,7 +3,9 @@
 #include "membership.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
+#include <optional>
 
 namespace zebd
 {
@@ -40,7 +42,7 @@ static bool has_to_wait(const membership &members, const member_context &context
 
 static void owe(membership &members, uint64_t watcher)
 {
-    paced_watcher &paced = members.paced.at(watcher);
+    paced_watcher &paced = members.paced[watcher];
     members.owed += paced.owed ? 0 : 1;
     paced.owed = true;
 }
@@ -110,7 +112,7 @@ static bool satisfies(const subscriber &member, const subscription &interest, co
 }
 
 /* Everybody that satisfies INTEREST, oldest first. */
-static std::vector<const subscriber *> find_members(const membership &members, const member_context &context,
+static std::vector<const subscriber *> find_members(membership &members, const member_context &context,
                                                     const subscription &interest)
 {
     std::vector<uint64_t> candidates;
@@ -119,6 +121,7 @@ static std::vector<const subscriber *> find_members(const membership &members, c
             candidates.push_back(serial);
         std::sort(candidates.begin(), candidates.end());
     }
+    members.asked += candidates.size();
     std::vector<const subscriber *> found;
     for (const uint64_t serial : candidates) {
         const subscriber &member = context.subscribers.at(serial);
@@ -263,10 +266,12 @@ static bool tell(telling &t, const subscriber &watcher)
     return watcher.request.deltas ? send_list(t, watcher, list_of_news(what)) : send_everybody(t, watcher);
 }
 
-/* The same, in the pace of the watcher. */
-static bool tell_in_time(telling &t, const subscriber &watcher)
+/* The same, in the pace of the watcher; when POSTPONED, who waits for a list of everybody is owed it. */
+static bool tell_in_time(telling &t, const subscriber &watcher, bool postponed)
 {
-    if (!has_to_wait(t.members, t.context, watcher.serial))
+    const bool waits =
+        postponed ? !watcher.request.deltas : has_to_wait(t.members, t.context, watcher.serial);
+    if (!waits)
         return tell(t, watcher);
     const news &what = news_since(t, known_log(t.members, watcher.serial));
     if (!what.added.empty() || !what.removed.empty())
@@ -276,35 +281,48 @@ static bool tell_in_time(telling &t, const subscriber &watcher)
 
 /* ---- Early ---- */
 
-/* Whether what WATCHER does not know yet includes that SOURCE has joined. Serials grow, so who came after a
- * list has a larger one than all that were there. */
-static bool is_news(const membership &members, const index_entry &entry, const member_context &context,
-                    const subscriber &watcher, const subscriber &source)
+/* Whether WATCHER may not know yet that SOURCE has joined. Serials grow, so who came after a list has a
+ * larger one than all that were there. */
+static bool may_be_news(const membership &members, uint64_t watcher, const subscriber &source)
 {
     const auto joined = members.joinedAt.find(source.serial);
-    const auto paced = members.paced.find(watcher.serial);
-    const bool inLog =
-        joined != members.joinedAt.end() && joined->second >= known_log(members, watcher.serial);
-    const bool isOwed = is_owed(members, watcher.serial) && source.serial > paced->second.known;
-    return (inLog || isOwed || members.fresh.count(watcher.serial) > 0) &&
-           satisfies(source, entry.sub, context);
+    const auto paced = members.paced.find(watcher);
+    const bool inLog = joined != members.joinedAt.end() && joined->second >= known_log(members, watcher);
+    const bool isOwed = is_owed(members, watcher) && source.serial > paced->second.known;
+    return inLog || isOwed || members.fresh.count(watcher) > 0;
 }
 
-void membership_tell_before(membership &members, const member_context &context, const subscriber &watcher,
-                            const subscriber &source)
+static std::vector<size_t> changes_for(const membership &members, const member_context &context,
+                                       const subscription &interest)
 {
-    const auto filed = members.interests.filed.find(watcher.serial);
-    if (!membership_pending(members) || watcher.serial == source.serial ||
-        filed == members.interests.filed.end() ||
-        !is_news(members, *filed->second.entry, context, watcher, source))
-        return;
-    telling t{members, context, *filed->second.entry, {}, {}, {}, {}};
+    std::vector<size_t> changes;
     for (size_t i = 0; i < members.log.size(); i++)
-        if (satisfies(member_of(members, context, members.log[i]), t.entry.sub, context))
-            t.changes.push_back(i);
-    tell(t, watcher);
-    members.fresh.erase(watcher.serial);
-    members.told[watcher.serial] = members.log.size();
+        if (satisfies(member_of(members, context, members.log[i]), interest, context))
+            changes.push_back(i);
+    return changes;
+}
+
+void membership_tell_before(membership &members, const member_context &context,
+                            std::span<const uint64_t> watchers, const subscriber &source)
+{
+    std::unordered_map<const index_entry *, std::optional<telling>> tellings; /* none: SOURCE is no news */
+    for (const uint64_t serial : watchers) {
+        const auto watcher = context.subscribers.find(serial);
+        const auto filed = members.interests.filed.find(serial);
+        if (watcher == context.subscribers.end() || filed == members.interests.filed.end() ||
+            serial == source.serial || !may_be_news(members, serial, source))
+            continue;
+        const index_entry &entry = *filed->second.entry;
+        const auto [at, missing] = tellings.try_emplace(&entry);
+        if (missing && satisfies(source, entry.sub, context))
+            at->second.emplace(
+                telling{members, context, entry, changes_for(members, context, entry.sub), {}, {}, {}});
+        if (!at->second)
+            continue;
+        tell(*at->second, watcher->second);
+        members.fresh.erase(serial);
+        members.told[serial] = members.log.size();
+    }
 }
 
 /* ---- All ---- */
@@ -314,11 +332,11 @@ struct concern {
     std::vector<uint64_t> waiting; /* watchers that are told without any change */
 };
 
-using concerns = std::unordered_map<index_entry *, concern>;
+using concerns = std::vector<std::pair<index_entry *, concern>>;
 
 static concerns find_concerns(membership &members, const member_context &context)
 {
-    concerns result;
+    std::unordered_map<index_entry *, concern> result;
     std::vector<property_view> properties;
     std::vector<index_entry *> entries;
     for (size_t i = 0; i < members.log.size(); i++) {
@@ -334,31 +352,43 @@ static concerns find_concerns(membership &members, const member_context &context
     for (const auto &[serial, paced] : members.paced)
         if (paced.owed && !has_to_wait(members, context, serial))
             result[members.interests.filed.at(serial).entry].waiting.push_back(serial);
-    return result;
+    return {std::make_move_iterator(result.begin()), std::make_move_iterator(result.end())};
 }
 
-/* A connection that does not take a list is ending; making more lists for it would only cost time. */
+/* How many members a flush may ask, give or take one list. It is a matter of some ten milliseconds. */
+static constexpr size_t askedInOneFlush = 50000;
+
+/* What has changed is known without asking anybody, so only full lists are postponed. A connection that does
+ * not take a list is ending; making more lists for it would only cost time. */
 static void tell_watchers(telling &t, const std::vector<uint64_t> &watchers,
                           std::unordered_set<connection_id> &ending)
 {
+    const bool postponed = t.members.asked >= askedInOneFlush;
     for (const uint64_t serial : watchers) {
+        if (postponed && t.members.fresh.count(serial) > 0)
+            continue; /* which it stays */
         const subscriber &watcher = t.context.subscribers.at(serial);
-        if (ending.count(watcher.connection) == 0 && !tell_in_time(t, watcher))
+        if (ending.count(watcher.connection) == 0 && !tell_in_time(t, watcher, postponed))
             ending.insert(watcher.connection);
+        t.members.fresh.erase(serial);
     }
 }
 
 void membership_flush(membership &members, const member_context &context)
 {
     std::unordered_set<connection_id> ending;
-    for (auto &[entry, concern] : find_concerns(members, context)) {
+    concerns all = find_concerns(members, context);
+    /* Beginning each time at another place, so that nobody is always among the postponed. */
+    if (!all.empty())
+        std::ranges::rotate(all, all.begin() + static_cast<std::ptrdiff_t>(members.notices % all.size()));
+    members.asked = 0;
+    for (auto &[entry, concern] : all) {
         telling t{members, context, *entry, std::move(concern.changes), {}, {}, {}};
         tell_watchers(t, t.changes.empty() ? concern.waiting : entry->holders, ending);
     }
     members.log.clear();
     members.joinedAt.clear();
     members.leftAt.clear();
-    members.fresh.clear();
     members.told.clear();
 }
 

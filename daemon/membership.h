@@ -4,7 +4,9 @@
  *
  * Changes are gathered: joining and leaving only make a note, and the flush tells all watchers at once. Only
  * a watcher that is about to hear from a member which it has not been told of is told earlier. Watchers with
- * equal interests share one encoded list, out of which each one's own address is cut. One thread. */
+ * equal interests share one encoded list, out of which each one's own address is cut. Interests that no table
+ * answers ask every member; so that many of these hold nobody up, a flush that has asked often enough leaves
+ * the other full lists to the next one. One thread. */
 #pragma once
 
 #include "address.h"
@@ -15,6 +17,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -27,7 +30,7 @@ struct member_change {
     std::unique_ptr<subscriber> gone; /* null when it joined */
 };
 
-/* A watcher that got a long list and has to wait for the next one. */
+/* A watcher that has to wait for its next list, because it got a long one or there were too many to make. */
 struct paced_watcher {
     int64_t since = 0, until = 0; /* milliseconds since 1970 */
     uint64_t known = 0;           /* serial up to which members were there when it got its list */
@@ -44,6 +47,7 @@ struct membership {
     std::unordered_map<uint64_t, size_t> told;     /* watchers told early: how much of the log they know */
     std::unordered_map<uint64_t, paced_watcher> paced; /* by watcher */
     size_t owed = 0;                                   /* of these */
+    size_t asked = 0;                                  /* members asked for lists since the flush began */
     uint64_t notices = 0;                              /* lists and deltas made out so far */
 
     membership()
@@ -70,12 +74,12 @@ void membership_leave(membership &members, subscriber gone);
 /* Whether anybody is still to be told anything. */
 bool membership_pending(const membership &members);
 
-/* Tells all watchers what they do not know yet, but for those that have to wait for their next full list:
+/* Tells all watchers what they do not know yet, but for those that have to wait for their full list:
  * while membership_pending() says so, it wants to be called again. */
 void membership_flush(membership &members, const member_context &context);
 
-/* Tells WATCHER at once, when what it does not know yet includes that SOURCE has joined. */
-void membership_tell_before(membership &members, const member_context &context, const subscriber &watcher,
-                            const subscriber &source);
+/* Tells those of WATCHERS at once for whom what they do not know yet includes that SOURCE has joined. */
+void membership_tell_before(membership &members, const member_context &context,
+                            std::span<const uint64_t> watchers, const subscriber &source);
 
 } // namespace zebd

@@ -678,6 +678,107 @@ TEST_F(Membership, AThousandJoinsCostAWatcherAThousandAddresses)
     EXPECT_LT(octets, 400U * 1000U);
 }
 
+/* One list for all whom an event is about to tell of its sender, not one for each of them. */
+TEST_F(Membership, WatchersToldBeforeOneEventShareOneEncodedList)
+{
+    std::vector<std::string> addresses;
+    for (connection_id connection = 1; connection <= 100; connection++)
+        addresses.push_back(addresslist::octets(connection, up(connection, 1, "w", "\"kind=test\"")));
+    engine_flush(routing);
+    out.sent.clear();
+    up(200, 1, "n");
+    out.encodings.clear();
+    send(200, 1, addresslist::destinations(addresses));
+    EXPECT_EQ(out.encodings.size(), 200U);
+    EXPECT_EQ(
+        std::set<std::shared_ptr<const encoded_event>>(out.encodings.begin(), out.encodings.end()).size(),
+        2U); /* the list and the event */
+    for (connection_id connection = 1; connection <= 100; connection++)
+        EXPECT_NE(heard(connection).find("w,n event:"), std::string::npos);
+}
+
+/* Who has a property is known, so a pattern for its value asks nobody else. */
+TEST_F(Membership, APatternAsksOnlyThoseThatHaveTheProperty)
+{
+    for (int i = 0; i < 300; i++)
+        up(1, i + 1, "m", "\"absent~=*" + std::to_string(i) + "\"");
+    engine_flush(routing);
+    EXPECT_EQ(out.sent[1].size(), 300U);
+    EXPECT_EQ(routing.members.asked, 0U);
+    EXPECT_TRUE(routing.members.addresses.properties.contains("name"));
+    engine_connection_gone(routing, 1);
+    EXPECT_TRUE(routing.members.addresses.properties.empty());
+    EXPECT_TRUE(routing.members.addresses.components.present.empty());
+}
+
+/* A thousand interests that no table answers: each asks every member. */
+struct CostlyMembership : Membership {
+    static constexpr connection_id watchers = 1000;
+    static constexpr size_t inOneFlush = 50000 + watchers;
+
+    void SetUp() override
+    {
+        for (connection_id i = 1; i <= watchers; i++)
+            up(i, 1, "w", "!(\"name=w\")&!(\"name=" + std::to_string(i) + "\")");
+    }
+
+    /* Flushes until nothing is pending. Returns how many flushes that took. */
+    size_t flush_all()
+    {
+        size_t flushes = 0;
+        while (membership_pending(routing.members) && flushes < 1000) {
+            engine_flush(routing);
+            EXPECT_LE(routing.members.asked, inOneFlush);
+            flushes++;
+        }
+        return flushes;
+    }
+
+    void expect_all_heard(const std::string &expected)
+    {
+        for (connection_id i = 1; i <= watchers; i++)
+            EXPECT_EQ(heard(i), expected) << i;
+    }
+};
+
+TEST_F(CostlyMembership, FirstListsAreMadeInPortions)
+{
+    EXPECT_GT(flush_all(), 10U);
+    expect_all_heard("list:");
+}
+
+TEST_F(CostlyMembership, ListsAfterAChangeAreMadeInPortionsWithTheLatest)
+{
+    flush_all();
+    expect_all_heard("list:");
+    up(5000, 1, "n");
+    engine_flush(routing);
+    EXPECT_TRUE(membership_pending(routing.members));
+    up(5001, 1, "o");
+    flush_all();
+    size_t both = 0;
+    for (connection_id i = 1; i <= watchers; i++) {
+        const std::string all = heard(i);
+        EXPECT_TRUE(all == "list:n,o" || all == "list:n list:n,o") << all;
+        both += all == "list:n,o" ? 1 : 0;
+    }
+    EXPECT_GT(both, watchers / 2);
+}
+
+TEST_F(CostlyMembership, WhoIsPostponedStillKnowsAMemberBeforeItsEvent)
+{
+    up(5000, 1, "n");
+    engine_flush(routing);
+    EXPECT_TRUE(membership_pending(routing.members));
+    for (connection_id i = 1; i <= watchers; i++) {
+        out.sent.erase(5000);
+        send(5000, 1, to(i, i));
+    }
+    expect_all_heard("list:n event:/app/disk/full");
+    flush_all();
+    expect_all_heard("");
+}
+
 int64_t clockNow = 0;
 
 int64_t settableClock()
