@@ -140,6 +140,19 @@ int32_t ezeb_queue_length(const ezeb_queue *queue)
     return queue != nullptr ? ezeb_flag_get(&queue->length) : 0;
 }
 
+/* Waiting removers leave: nothing will come any more. */
+static void begin_drain_locked(ezeb_queue *queue) EZEB_REQUIRES(queue->lock)
+{
+    ezeb_flag_set(&queue->draining, 1);
+    ezeb_cond_broadcast(&queue->notEmpty);
+}
+
+void ezeb_queue_finish(ezeb_queue *queue)
+{
+    const ezeb_locked hold(&queue->lock);
+    begin_drain_locked(queue);
+}
+
 int32_t ezeb_queue_drain(ezeb_queue *queue)
 {
     if (queue == nullptr || refuses(queue))
@@ -147,8 +160,7 @@ int32_t ezeb_queue_drain(ezeb_queue *queue)
     const ezeb_locked hold(&queue->lock);
     if (refuses(queue))
         return 0;
-    ezeb_flag_set(&queue->draining, 1);
-    ezeb_cond_broadcast(&queue->notEmpty); /* waiting removers leave: nothing will come any more */
+    begin_drain_locked(queue);
     while (queue->length > 0 && ezeb_flag_get(&queue->shuttingDown) == 0) {
         queue->emptiedWaiters++;
         ezeb_cond_wait(&queue->emptied, &queue->lock);

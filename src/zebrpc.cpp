@@ -741,14 +741,28 @@ struct rpc_call {
     int32_t length;
 };
 
-/* Sorts the servers asked into those that are to answer and those that never will, which is said at once. */
-static void ask_servers_locked(zeb_rpcclient *client, zeb_rpcinvocation *invocation,
+/* Makes those of SERVERS that are live the ones that are to answer. False when memory is out: a server left
+ * out would be waited for by nobody and answered for by nobody. */
+static bool expect_live_locked(zeb_rpcclient *client, zeb_rpcinvocation *invocation,
                                const zeb_laddrlist *servers) EZEB_REQUIRES(client->lock)
 {
     for (int32_t i = 0; i < servers->count; i++) {
-        if (is_live_locked(client, &servers->entries[i]))
-            ezeb_laddrlist_add(invocation->pending, &servers->entries[i]);
-        else
+        if (!is_live_locked(client, &servers->entries[i]))
+            continue;
+        const int32_t before = invocation->pending->count;
+        ezeb_laddrlist_add(invocation->pending, &servers->entries[i]);
+        if (invocation->pending->count == before)
+            return false;
+    }
+    return true;
+}
+
+/* The others never will answer, which is said at once. */
+static void answer_for_others_locked(zeb_rpcclient *client, zeb_rpcinvocation *invocation,
+                                     const zeb_laddrlist *servers) EZEB_REQUIRES(client->lock)
+{
+    for (int32_t i = 0; i < servers->count; i++) {
+        if (!is_live_locked(client, &servers->entries[i]))
             deliver_not_live(invocation, &servers->entries[i]);
     }
 }
@@ -765,14 +779,18 @@ static zeb_rpcinvocation *begin_invocation(zeb_rpcclient *client, const rpc_call
     zeb_rpcinvocation *invocation = new_invocation_locked(client, call->function, callback, context);
     if (invocation == nullptr)
         return nullptr;
-    ask_servers_locked(client, invocation, call->servers);
-    if (ezeb_laddrlist_count(invocation->pending) == 0)
-        return invocation;
-    *request = new_request(invocation, call->function, call->data, call->length);
-    if (*request == nullptr) {
+    bool complete = expect_live_locked(client, invocation, call->servers);
+    if (complete && ezeb_laddrlist_count(invocation->pending) > 0) {
+        *request = new_request(invocation, call->function, call->data, call->length);
+        complete = *request != nullptr;
+    }
+    if (!complete) {
         invocation_unref(invocation);
         return nullptr;
     }
+    answer_for_others_locked(client, invocation, call->servers);
+    if (*request == nullptr)
+        return invocation;
     list_locked(client, invocation);
     if (client->subscriber != nullptr)
         *publisher = ezeb_subscriber_refpublisher(client->subscriber);

@@ -146,17 +146,19 @@ static zeb_instream *instream_create(const char *key)
     return nullptr;
 }
 
-/* Takes DATA, which nobody will read when the application has closed the stream or memory is out. */
-static void instream_feed(zeb_instream *stream, char *data, int32_t length)
+/* Takes DATA. False when nobody will read it: the application has closed the stream, or memory is out. */
+static bool instream_feed(zeb_instream *stream, char *data, int32_t length)
 {
     ezeb_streamchunk *chunk = ezeb_flag_get(&stream->closed) == 0 ? ezeb_new<ezeb_streamchunk>() : nullptr;
     if (chunk == nullptr) {
         ezeb_free(data);
-        return;
+        return false;
     }
     *chunk = {data, length};
-    if (!ezeb_queue_enqueue(stream->chunks, chunk))
-        free_chunk(chunk);
+    if (ezeb_queue_enqueue(stream->chunks, chunk))
+        return true;
+    free_chunk(chunk);
+    return false;
 }
 
 /* The chunk to read from: the current one, or the next, awaited when WAIT is set. Null when there is none. */
@@ -307,12 +309,13 @@ zeb_notification *ezeb_streamtbl_take(ezeb_streamtbl *table, zeb_notification *n
         ezeb_notification_destroy(n);
         return nullptr;
     }
-    const bool last = !first && ezeb_notification_isEndOfStream(n);
+    const bool ends = ezeb_notification_isEndOfStream(n) != 0;
     char *data = n->body;
     const int32_t length = n->bodyLength;
     ezeb_notification_body_forget(n);
-    instream_feed(stream, data, length);
-    if (last) {
+    if (!instream_feed(stream, data, length) && ends)
+        ezeb_queue_finish(stream->chunks); /* the mark is lost; nobody may wait for it */
+    if (ends && !first) {
         chain_remove(&table->chain, stream);
         instream_unref(stream);
     }

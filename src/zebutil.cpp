@@ -12,29 +12,39 @@
 
 /* ---- Memory ---- */
 
+/* Nothing but BLOCK itself in what ships. */
+static void *counted(void *block)
+{
+    if (block != nullptr)
+        ezeb_allocseam_count(1);
+    return block;
+}
+
 void *ezeb_malloc(size_t size)
 {
     if (ezeb_allocseam_refuses())
         return nullptr;
-    return malloc(size);
+    return counted(malloc(size));
 }
 
 void *ezeb_zalloc(size_t size)
 {
     if (ezeb_allocseam_refuses())
         return nullptr;
-    return calloc(1, size);
+    return counted(calloc(1, size));
 }
 
 void *ezeb_realloc(void *ptr, size_t size)
 {
     if (ezeb_allocseam_refuses())
         return nullptr;
-    return realloc(ptr, size);
+    return ptr != nullptr ? realloc(ptr, size) : counted(malloc(size));
 }
 
 void ezeb_free(const void *ptr)
 {
+    if (ptr != nullptr)
+        ezeb_allocseam_count(-1);
     free(const_cast<void *>(ptr));
 }
 

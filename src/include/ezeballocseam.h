@@ -10,14 +10,21 @@
 extern int64_t ezeb_allocseam_countdown;  /* requests until the first refusal; 0: none is refused */
 extern int32_t ezeb_allocseam_persistent; /* 1: all later ones are refused as well */
 extern int64_t ezeb_allocseam_requests;   /* requests made so far, refused ones included */
+extern int64_t ezeb_allocseam_blocks;     /* handed out and not yet released by ezeb_free */
 
 bool ezeb_allocseam_refuses(void);
+void ezeb_allocseam_count(int change); /* of the blocks */
 
 #else
 
 inline bool ezeb_allocseam_refuses(void)
 {
     return false;
+}
+
+inline void ezeb_allocseam_count(int change)
+{
+    (void)change;
 }
 
 #endif

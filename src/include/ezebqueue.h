@@ -43,6 +43,9 @@ void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout);
 
 int32_t ezeb_queue_length(const ezeb_queue *queue); /* 0 for null */
 
+/* Refuses further elements; removers take what is there and wait no more. */
+void ezeb_queue_finish(ezeb_queue *queue);
+
 /* Refuses further elements and waits until removers have taken all. 0 when null, draining or shutting down
  * already. */
 int32_t ezeb_queue_drain(ezeb_queue *queue);

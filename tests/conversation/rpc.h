@@ -31,6 +31,24 @@ inline std::string rpc_event(std::string_view type, const std::vector<std::strin
            std::string(body) + list;
 }
 
+/* The address of the server that is called NAME and has the number ID; SEGMENT says what is told of it. */
+inline std::string server_address(const std::string &segment, const std::string &id,
+                                  const std::string &name = "a")
+{
+    return address(segment, {{"id", id}, {"key", "node1:" + id}, {"address", "ADDR" + id}},
+                   {{"/ZEB/RPC/SVR", name}});
+}
+
+inline std::string membership(std::string_view cls, const std::string &addresses, int id = 1)
+{
+    const std::string list = block_signature() + addresses;
+    return lines({"POST /event HTTP/1.1", "className: " + std::string(cls),
+                  "SubscriberID: " + std::to_string(id), "eventType: /ZEB/SYSTEM/MEMBERSHIP", "eventId: e",
+                  "creationTime: 1", "deliveryTime: 2", "Content-Length: 0",
+                  "AddrList-Length: " + std::to_string(list.size()), ""}) +
+           list;
+}
+
 /* A door that functions wait at until the test opens it. */
 class door
 {

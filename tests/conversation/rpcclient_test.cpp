@@ -20,23 +20,6 @@ std::string not_found(const std::string &callid)
 
 /* ---- Servers as the daemon knows them ---- */
 
-/* The address of the server that is called NAME and has the number ID; SEGMENT says what is told of it. */
-std::string server_address(const std::string &segment, const std::string &id, const std::string &name = "a")
-{
-    return address(segment, {{"id", id}, {"key", "node1:" + id}, {"address", "ADDR" + id}},
-                   {{"/ZEB/RPC/SVR", name}});
-}
-
-std::string membership(std::string_view cls, const std::string &addresses, int id = 1)
-{
-    const std::string list = block_signature() + addresses;
-    return lines({"POST /event HTTP/1.1", "className: " + std::string(cls),
-                  "SubscriberID: " + std::to_string(id), "eventType: /ZEB/SYSTEM/MEMBERSHIP", "eventId: e",
-                  "creationTime: 1", "deliveryTime: 2", "Content-Length: 0",
-                  "AddrList-Length: " + std::to_string(list.size()), ""}) +
-           list;
-}
-
 std::string came(const std::string &id, const std::string &name = "a", int subscriber = 1)
 {
     return membership("MembershipDeltaNotification", server_address("addAddr0", id, name), subscriber);

@@ -132,10 +132,8 @@ bool fake_daemon::is_called_within(milliseconds limit)
     return poll(watched, families, static_cast<int>(limit.count())) > 0;
 }
 
-peer fake_daemon::accept(place where)
+int fake_daemon::take_waiting()
 {
-    if (!is_called_within(stretched(patience)))
-        script_fails(where, "the library should have connected");
     for (const int fd : listening) {
         pollfd watched{fd, POLLIN, 0};
         if (poll(&watched, 1, 0) != 1)
@@ -144,9 +142,19 @@ peer fake_daemon::accept(place where)
         const int on = 1;
         setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)); /* single bytes leave at once */
         if (accepted != -1)
-            return peer(accepted);
+            return accepted;
     }
-    script_fails(where, "a connection was gone before it was accepted");
+    return -1;
+}
+
+peer fake_daemon::accept(place where)
+{
+    if (!is_called_within(stretched(patience)))
+        script_fails(where, "the library should have connected");
+    const int accepted = take_waiting();
+    if (accepted == -1)
+        script_fails(where, "a connection was gone before it was accepted");
+    return peer(accepted);
 }
 
 peer fake_daemon::accept_connected(const std::string &home, place where)

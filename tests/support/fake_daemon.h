@@ -10,6 +10,7 @@
 
 #include "peer.h"
 
+#include <array>
 #include <cstdint>
 
 namespace zebtest
@@ -48,6 +49,15 @@ class fake_daemon
     }
 
     peer accept(place where = {__builtin_FILE(), __builtin_LINE()});
+
+    /* The socket of somebody who has connected already, or -1. */
+    int take_waiting();
+
+    /* Where connections come in, for poll; -1 among them is to be ignored. */
+    std::array<int, 2> listening_sockets() const
+    {
+        return {listening[0], listening[1]};
+    }
 
     /* Accepts, checks the handshake for HOME and answers it with success. */
     peer accept_connected(const std::string &home, place where = {__builtin_FILE(), __builtin_LINE()});

@@ -60,12 +60,17 @@ class refusal
         __atomic_store_n(&ezeb_allocseam_countdown, nth, __ATOMIC_SEQ_CST);
         armed = true;
     }
+    /* Lets every request pass again; they count up to the end. Any thread may call it. */
+    static void relent()
+    {
+        __atomic_store_n(&ezeb_allocseam_countdown, int64_t{0}, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&ezeb_allocseam_persistent, 0, __ATOMIC_SEQ_CST);
+    }
     void end()
     {
         if (!armed)
             return;
-        __atomic_store_n(&ezeb_allocseam_countdown, int64_t{0}, __ATOMIC_SEQ_CST);
-        __atomic_store_n(&ezeb_allocseam_persistent, 0, __ATOMIC_SEQ_CST);
+        relent();
         made = requests() - before;
         armed = false;
     }

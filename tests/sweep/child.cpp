@@ -1,0 +1,32 @@
+#include "child.h"
+
+#include <csignal>
+#include <cstdio>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace sweep
+{
+
+outcome in_child(const std::function<int()> &body, zebtest::milliseconds limit)
+{
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        const int code = body();
+        fflush(nullptr);
+        _exit(code);
+    }
+    int status = 0;
+    const bool ended = zebtest::eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, limit);
+    if (!ended) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return {-1, "hangs"};
+    }
+    if (WIFSIGNALED(status))
+        return {-1, "signal " + std::to_string(WTERMSIG(status))};
+    return {WEXITSTATUS(status), ""};
+}
+
+} // namespace sweep
