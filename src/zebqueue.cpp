@@ -44,6 +44,22 @@ static void link_first_locked(ezeb_queue *queue, ezeb_queue_cell *cell) EZEB_REQ
     queue->head = cell;
 }
 
+/* False when the queue refuses CELL. */
+static bool insert(ezeb_queue *queue, ezeb_queue_cell *cell, bool first)
+{
+    const ezeb_locked hold(&queue->lock);
+    if (refuses(queue))
+        return false;
+    if (first)
+        link_first_locked(queue, cell);
+    else
+        link_last_locked(queue, cell);
+    ezeb_flag_set(&queue->length, queue->length + 1);
+    if (queue->removers > 0)
+        ezeb_cond_signal(&queue->notEmpty);
+    return true;
+}
+
 static int32_t add(ezeb_queue *queue, void *element, bool first)
 {
     if (queue == nullptr || refuses(queue))
@@ -52,21 +68,10 @@ static int32_t add(ezeb_queue *queue, void *element, bool first)
     if (cell == nullptr)
         return 0;
     cell->element = element;
-    ezeb_mutex_lock(&queue->lock);
-    const bool refused = refuses(queue);
-    if (!refused) {
-        if (first)
-            link_first_locked(queue, cell);
-        else
-            link_last_locked(queue, cell);
-        ezeb_flag_set(&queue->length, queue->length + 1);
-        if (queue->removers > 0)
-            ezeb_cond_signal(&queue->notEmpty);
-    }
-    ezeb_mutex_unlock(&queue->lock);
-    if (refused)
-        ezeb_free(cell);
-    return !refused;
+    if (insert(queue, cell, first))
+        return 1;
+    ezeb_free(cell);
+    return 0;
 }
 
 int32_t ezeb_queue_enqueue(ezeb_queue *queue, void *element)
@@ -77,6 +82,12 @@ int32_t ezeb_queue_enqueue(ezeb_queue *queue, void *element)
 int32_t ezeb_queue_push(ezeb_queue *queue, void *element)
 {
     return add(queue, element, true);
+}
+
+int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell)
+{
+    cell->next = nullptr;
+    return insert(queue, cell, true);
 }
 
 static void wait_for_element_locked(ezeb_queue *queue, int64_t timeout) EZEB_REQUIRES(queue->lock)
@@ -115,7 +126,7 @@ static void announce_emptied_locked(ezeb_queue *queue) EZEB_REQUIRES(queue->lock
         ezeb_cond_broadcast(&queue->emptied);
 }
 
-void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout)
+ezeb_queue_cell *ezeb_queue_take(ezeb_queue *queue, int32_t wait, int64_t timeout)
 {
     if (queue == nullptr || ezeb_flag_get(&queue->shuttingDown) != 0)
         return nullptr;
@@ -128,6 +139,12 @@ void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout)
         announce_emptied_locked(queue);
     }
     ezeb_mutex_unlock(&queue->lock);
+    return cell;
+}
+
+void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout)
+{
+    ezeb_queue_cell *cell = ezeb_queue_take(queue, wait, timeout);
     if (cell == nullptr)
         return nullptr;
     void *element = cell->element;

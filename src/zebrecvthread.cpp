@@ -467,12 +467,20 @@ static bool reconnect(ezeb_runtime *rt, const candidate *candidates, daemon_link
     }
 }
 
+/* Queues what the daemon has to know again. Until there is memory for all of it the connection stays
+ * unannounced: nobody would ever subscribe for a subscriber that was left out. */
+static void resubscribe(ezeb_runtime *rt)
+{
+    while (!ezeb_reregister_allsubscribers(rt) && !is_shutdown(rt))
+        sleep(FIRST_PAUSE);
+}
+
 /* Makes the connection available. Subscribe requests are queued before the send thread can wake. */
 static void announce_connection(ezeb_runtime *rt)
 {
     ezebrecvctx *recv = &rt->recv;
     if (recv->everconnected != 0)
-        ezeb_reregister_allsubscribers(rt);
+        resubscribe(rt);
     ezeb_mutex_lock(&recv->mutex);
     if (!is_shutdown(rt))
         recv->connected = 1;

@@ -241,17 +241,18 @@ static bool try_write(ezeb_runtime *rt, const ezeb_senditem *item, send_progress
  * queued from then on. */
 static void send_next(ezeb_runtime *rt, send_progress *progress)
 {
-    void *element = ezeb_queue_dequeue(rt->send.queue, 1, 0);
-    if (element == nullptr)
+    ezeb_queue_cell *cell = ezeb_queue_take(rt->send.queue, 1, 0);
+    if (cell == nullptr)
         return;
-    const auto *item = static_cast<ezeb_senditem *>(element);
+    auto *item = static_cast<ezeb_senditem *>(cell->element);
     if (!try_write(rt, item, progress)) {
-        if (ezeb_queue_push(rt->send.queue, element))
+        if (ezeb_queue_putback(rt->send.queue, cell))
             return;
         if (take_connection(rt, progress))
             try_write(rt, item, progress);
     }
-    free_item(element);
+    ezeb_free(cell);
+    free_item(item);
 }
 
 static void rendezvous(ezeb_runtime *rt)

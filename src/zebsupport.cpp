@@ -204,16 +204,18 @@ static void mark_queued(ezeb_runtime *rt, int32_t id) EZEB_NO_ANALYSIS
         sub->queued = 1;
 }
 
-void ezeb_reregister_allsubscribers(ezeb_runtime *rt)
+int32_t ezeb_reregister_allsubscribers(ezeb_runtime *rt)
 {
+    int32_t all = 1;
     const ezeb_locked hold(&rt->regmutex);
     for (zeb_subscriber *sub = rt->livehead; sub != nullptr; sub = sub->liveNext)
         sub->queued = 0;
     ezeb_sendthread_each_queued_subscriber(rt, mark_queued);
     for (zeb_subscriber *sub = rt->livehead; sub != nullptr; sub = sub->liveNext) {
-        if (sub->queued == 0)
-            ezeb_subscriber_constructthensendsubsmsg(rt, sub);
+        if (sub->queued == 0 && !ezeb_subscriber_constructthensendsubsmsg(rt, sub))
+            all = 0;
     }
+    return all;
 }
 
 void ezeb_drop_members(ezeb_runtime *rt)

@@ -41,6 +41,11 @@ int32_t ezeb_queue_push(ezeb_queue *queue, void *element);
  * comes or the queue drains or shuts down). A limited wait is one single wait, which may end early. */
 void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout);
 
+/* The same with the first element's cell, which the caller releases; and back in front with it, for which no
+ * memory is needed. 0 when draining or shutting down: the cell stays the caller's. */
+ezeb_queue_cell *ezeb_queue_take(ezeb_queue *queue, int32_t wait, int64_t timeout);
+int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell);
+
 int32_t ezeb_queue_length(const ezeb_queue *queue); /* 0 for null */
 
 /* Refuses further elements; removers take what is there and wait no more. */

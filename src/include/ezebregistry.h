@@ -43,8 +43,9 @@ void ezeb_deliver(ezeb_runtime *rt, zeb_notification *n, int32_t id);
 /* Hands N to the send thread, which takes it. */
 void ezeb_publish(ezeb_runtime *rt, zeb_notification *n);
 
-/* Queues a subscribe request for every registered subscriber that has none queued. */
-void ezeb_reregister_allsubscribers(ezeb_runtime *rt);
+/* Queues a subscribe request for every registered subscriber that has none queued. 0 when one could not be
+ * queued; the others are. */
+int32_t ezeb_reregister_allsubscribers(ezeb_runtime *rt);
 
 /* Takes the subscribers with a membership interest out of their slots, which ends their membership, and tells
  * them. One whose creator still waits for the daemon's answer is not a member yet: it stays and is subscribed

@@ -39,14 +39,16 @@ inline std::string server_address(const std::string &segment, const std::string 
                    {{"/ZEB/RPC/SVR", name}});
 }
 
-inline std::string membership(std::string_view cls, const std::string &addresses, int id = 1)
+/* An event of one of the classes that have few lines: about members, or about a group's state. */
+inline std::string membership(std::string_view cls, const std::string &addresses, int id = 1,
+                              const std::string &body = "")
 {
     const std::string list = block_signature() + addresses;
     return lines({"POST /event HTTP/1.1", "className: " + std::string(cls),
                   "SubscriberID: " + std::to_string(id), "eventType: /ZEB/SYSTEM/MEMBERSHIP", "eventId: e",
-                  "creationTime: 1", "deliveryTime: 2", "Content-Length: 0",
+                  "creationTime: 1", "deliveryTime: 2", "Content-Length: " + std::to_string(body.size()),
                   "AddrList-Length: " + std::to_string(list.size()), ""}) +
-           list;
+           body + list;
 }
 
 /* A door that functions wait at until the test opens it. */

@@ -3,7 +3,7 @@
  * behind. */
 #include "addresses.h"
 #include "child.h"
-#include "rpc.h"
+#include "script.h"
 #include "upkeep.h"
 
 #include "ezebqueue.h"
@@ -17,7 +17,7 @@ namespace
 {
 
 using namespace zebtest;
-using sweep::give_back;
+using namespace sweep;
 
 /* Memory stays out for this long; a call that waits for the daemon meanwhile has to get over it. */
 constexpr milliseconds DROUGHT{150};
@@ -92,14 +92,6 @@ class stage
 };
 
 /* ---- Objects that calls are made with ---- */
-
-std::string full_event(const std::string &id)
-{
-    return rpc_event("/t", {"a: b", "c: d"}, "body",
-                     server_address("srcAddr", "9") + server_address("dstAddr0", "1") +
-                         server_address("dstAddr1", "2"),
-                     id);
-}
 
 struct subscription {
     explicit subscription(const char *interest = nullptr)
@@ -176,17 +168,6 @@ struct outstream : publisher {
     zeb_notification *head;
     zeb_outstream *out = nullptr;
 };
-
-std::string stream_piece(const std::string &id, const std::string &body)
-{
-    return lines({"POST /event HTTP/1.1", "className: IncomingStreamingNotification", "SubscriberID: " + id,
-                  "eventType: /s", "eventId: node1:911", "creationTime: 1", "deliveryTime: 2",
-                  "affectedComponents: ", "affectedNodes: ", "generatingComponent: storage",
-                  "generatingProcess: node1:9", "generatingNode: node1", "instanceName: west",
-                  "LocalOnly: false", "numberOfProperties: 0", "streamKey: node1:91",
-                  "Content-Length: " + std::to_string(body.size()), "AddrList-Length: 0", ""}) +
-           body;
-}
 
 struct instream : reception {
     explicit instream(stage &s)
@@ -270,20 +251,6 @@ void take_soon(zeb_subscriber *sub)
 
 /* ---- Remote calls ---- */
 
-/* The daemon knows one server, called "srv", which answers everything. */
-std::string with_one_server(const obliging_daemon::request &r)
-{
-    if (r.is("subscribe") && r.field("MbrDeltas") == "true")
-        return membership("MembershipDeltaNotification", server_address("addAddr0", "7", "srv"),
-                          std::stoi(r.field("SubscriberID")));
-    if (r.is("event") && r.field("eventType") == "/ZEB/RPC/REQ")
-        return rpc_event("/ZEB/RPC/RES", {"/ZEB/RPC/ISR: true", "/ZEB/RPC/CID: " + r.field("/ZEB/RPC/CID")},
-                         "answer", server_address("srcAddr", "7", "srv"), r.field("SubscriberID"));
-    return "";
-}
-
-const char *const SERVERS[] = {"srv"};
-
 struct rpcclient {
     explicit rpcclient(stage &s)
     {
@@ -356,12 +323,6 @@ struct rpcserver {
     zeb_rpcserver *server;
 };
 
-std::string request_for(const std::string &id)
-{
-    return rpc_event("/ZEB/RPC/REQ", {"/ZEB/RPC/ARG: BYTE", "/ZEB/RPC/CID: f:1", "/ZEB/RPC/NAM: f"}, "arg",
-                     server_address("srcAddr", "5"), id);
-}
-
 /* A request that is served with CALL. */
 template <typename Call>
 std::function<void(stage &)> on_request(Call call)
@@ -382,12 +343,6 @@ void take_response(zeb_rpcresponse *r, void *count)
     (*static_cast<std::atomic<int> *>(count))++;
 }
 
-int32_t take_notification(zeb_notification *, void *count)
-{
-    (*static_cast<std::atomic<int> *>(count))++;
-    return 0;
-}
-
 /* ---- The table ---- */
 
 enum kind {
@@ -401,6 +356,11 @@ struct entry {
     kind what;
     std::function<void(stage &)> run;
 };
+
+void PrintTo(const entry &call, std::ostream *out)
+{
+    *out << call.name;
+}
 
 /* A call with an object of type Object, which the run makes before it. */
 template <typename Object, typename Call>
@@ -433,7 +393,7 @@ std::function<void(stage &)> starting(Call call)
         if (started == -1) {
             EXPECT_EQ(zeb_init(), 0);
         }
-        EXPECT_TRUE(sweep::publish_arrives(s.daemon(), "/probe"));
+        EXPECT_TRUE(publish_arrives(s.daemon(), "/probe"));
         zeb_shutdown();
     };
 }
@@ -444,7 +404,7 @@ std::function<void(stage &)> ending(Call call)
 {
     return [=](stage &s) {
         EXPECT_EQ(zeb_init(), 0);
-        EXPECT_TRUE(sweep::publish_arrives(s.daemon(), "/before"));
+        EXPECT_TRUE(publish_arrives(s.daemon(), "/before"));
         {
             const publisher p;
             zeb_publisher_publish(p.handle, zeb_notification_create("/t", nullptr, 0));
@@ -453,7 +413,7 @@ std::function<void(stage &)> ending(Call call)
         (void)sub; /* the shutdown closes it */
         EXPECT_EQ(s.failing(call), 0);
         EXPECT_EQ(zeb_init(), 0);
-        EXPECT_TRUE(sweep::publish_arrives(s.daemon(), "/probe"));
+        EXPECT_TRUE(publish_arrives(s.daemon(), "/probe"));
         zeb_shutdown();
     };
 }
@@ -642,7 +602,7 @@ const std::vector<entry> &table()
              if (published == 0)
                  d.n = nullptr;
              EXPECT_EQ(zeb_init(), 0);
-             EXPECT_TRUE(sweep::publish_arrives(s.daemon(), "/probe"));
+             EXPECT_TRUE(publish_arrives(s.daemon(), "/probe"));
              zeb_shutdown();
          }},
         {"zeb_publisher_publish", RUNNING,
@@ -661,10 +621,7 @@ const std::vector<entry> &table()
         {"zeb_subscriber_returnState", RUNNING,
          [](stage &s) {
              const reception r(s, [](const std::string &id) {
-                 std::string asking = full_event(id);
-                 asking.replace(asking.find("MessageNotification"), strlen("MessageNotification"),
-                                "StateGetNotification");
-                 return asking;
+                 return membership("StateGetNotification", server_address("srcAddr", "9"), std::stoi(id));
              });
              s.failing([&] { zeb_subscriber_returnState(r.sub, "state", 5); });
          }},
@@ -1023,7 +980,7 @@ const std::vector<entry> &table()
 void run_here(const entry &call, unit::refusal &refuse)
 {
     if (call.what == ALONE) {
-        const sweep::upkeep before;
+        const upkeep before;
         stage s(refuse, nullptr);
         call.run(s);
         before.check();
@@ -1036,40 +993,35 @@ void run_here(const entry &call, unit::refusal &refuse)
         call.run(s);
         return;
     }
-    const sweep::upkeep before;
+    const upkeep before;
     ASSERT_EQ(zeb_init(), 0);
-    EXPECT_TRUE(sweep::publish_arrives(daemon, "/before")); /* both threads have what they need */
+    EXPECT_TRUE(publish_arrives(daemon, "/before")); /* both threads have what they need */
     call.run(s);
-    EXPECT_TRUE(sweep::publish_arrives(daemon, "/probe"));
+    EXPECT_TRUE(publish_arrives(daemon, "/probe"));
     zeb_shutdown();
     daemon.hang_up();
     EXPECT_TRUE(eventually([&] { return !daemon.is_connected(); }));
     before.check();
 }
 
-/* Exit codes of a run in a child. */
-enum { PASSED = 0, FAILED = 1, PASSED_WITHOUT_REFUSAL = 2, NO_ADDRESS = 255 };
-
 /* The same in a child. True when a request was refused. */
 bool run_in_child(const entry &call, int64_t nth, bool persistent)
 {
-    const sweep::outcome result = sweep::in_child(
+    const outcome result = in_child(
         [&] {
-            const int64_t before = sweep::blocks();
+            const int64_t before = blocks();
             unit::refusal refuse(nth, persistent);
             run_here(call, refuse);
             refuse.end();
-            EXPECT_TRUE(eventually([&] { return sweep::blocks() == before; }, milliseconds{3000}))
-                << sweep::blocks() - before << " blocks are not released";
+            EXPECT_TRUE(eventually([&] { return blocks() == before; }, milliseconds{3000}))
+                << blocks() - before << " blocks are not released";
             if (testing::Test::HasFailure())
                 return static_cast<int>(FAILED);
-            return static_cast<int>(refuse.happened() ? PASSED : PASSED_WITHOUT_REFUSAL);
+            return static_cast<int>(refuse.happened() ? PASSED : PASSED_UNDISTURBED);
         },
         milliseconds{20000});
-    EXPECT_EQ(result.manner, "");
-    EXPECT_TRUE(result.code == PASSED || result.code == PASSED_WITHOUT_REFUSAL || result.code == NO_ADDRESS)
-        << result.code;
-    return result.code != PASSED_WITHOUT_REFUSAL;
+    EXPECT_TRUE(result.is_good()) << "exit code " << result.code << result.manner;
+    return result.code != PASSED_UNDISTURBED;
 }
 
 bool run_once(const entry &call, int64_t nth, bool persistent)
@@ -1141,7 +1093,7 @@ TEST_F(refused_memory, a_read_ends_also_when_the_end_mark_of_its_stream_was_lost
                         take_soon(r.sub);
                     });
                     background reading([&] { return zeb_instream_read(in, bytes, sizeof(bytes)); });
-                    EXPECT_TRUE(sweep::publish_arrives(s.daemon(), "/delivered"));
+                    EXPECT_TRUE(publish_arrives(s.daemon(), "/delivered"));
                     zeb_subscriber_relinquish(r.sub, r.n);
                     r.n = nullptr;
                     zeb_subscriber_close(r.sub);

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -23,10 +24,18 @@ std::atomic<int> left{0};
 std::atomic<bool> fired{false};
 fault current; /* changed only while nothing is armed */
 
+/* In memory that children share. */
+std::atomic<int> *const callsSoFar =
+    static_cast<std::atomic<int> *>(mmap(nullptr, sizeof(std::atomic<int>) * sweep::faults::CALLS,
+                                         PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+
 /* The fault that this call of WHICH has, or null. */
 const fault *fault_of(sweep::faults::call which)
 {
-    if (!counted || !armed || current.which != which)
+    if (!counted)
+        return nullptr;
+    callsSoFar[which]++;
+    if (!armed || current.which != which)
         return nullptr;
     const int before = left.fetch_sub(1);
     if (before > 1 || (before < 1 && !current.persistent))
@@ -87,6 +96,17 @@ void disarm()
 bool happened()
 {
     return fired;
+}
+
+int calls(call which)
+{
+    return callsSoFar[which];
+}
+
+void forget_calls()
+{
+    for (int which = 0; which < CALLS; which++)
+        callsSoFar[which] = 0;
 }
 
 void count_this_thread(bool value)

@@ -38,6 +38,10 @@ void arm(const fault &f);
 void disarm();
 bool happened(); /* since arm */
 
+/* Calls of WHICH that were counted so far, in this process and its children. */
+int calls(call which);
+void forget_calls();
+
 /* The calling thread's calls count from now on; those of threads that the library starts do anyway. */
 void count_this_thread(bool counted);
 

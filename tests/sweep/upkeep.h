@@ -1,15 +1,13 @@
 /* What every run of a sweep checks at its end: that the library still works, and that it kept nothing. */
 #pragma once
 
-#include "environment.h"
+#include "conversation.h"
 #include "obliging_daemon.h"
 #include "unit.h"
 
 #include "ezebutil.h"
 #include "zeb.h"
 
-#include <atomic>
-#include <filesystem>
 #include <string>
 
 namespace sweep
@@ -26,14 +24,6 @@ inline bool is_full()
 inline void give_back(const void *block)
 {
     ezeb_free(block);
-}
-
-inline int open_descriptors()
-{
-    int count = 0;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        count += entry.path().empty() ? 0 : 1;
-    return count;
 }
 
 inline int64_t blocks()
@@ -56,7 +46,7 @@ inline bool publish_arrives(const zebtest::obliging_daemon &daemon, const std::s
 class upkeep
 {
   public:
-    upkeep() : blocksBefore(blocks()), descriptorsBefore(open_descriptors()) {}
+    upkeep() : blocksBefore(blocks()), descriptorsBefore(zebtest::open_descriptors()) {}
 
     /* After the shutdown: threads that nobody waits for may take a moment to give back what they hold. */
     void check() const
@@ -64,7 +54,7 @@ class upkeep
         EXPECT_TRUE(
             zebtest::eventually([&] { return blocks() == blocksBefore; }, zebtest::milliseconds{3000}))
             << blocks() - blocksBefore << " blocks are not released";
-        EXPECT_EQ(open_descriptors(), descriptorsBefore);
+        EXPECT_EQ(zebtest::open_descriptors(), descriptorsBefore);
     }
 
   private:
