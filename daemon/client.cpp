@@ -393,6 +393,20 @@ static void count_incoming(client &c)
                         std::to_string(s.config.unfinished));
 }
 
+/* What a client sent in vain is not its receivers' loss alone: who looks for it finds it in the log. */
+static void note_unrouted(const client &c, const engine_counters &before)
+{
+    const engine_counters &now = c.owner->routing.counters;
+    if (now.streamsRefused != before.streamsRefused)
+        log_limited(log_kind::unrouted, spdlog::level::warn,
+                    "{}: {} pieces dropped, there was no room for their streams", client_name(c),
+                    now.streamsRefused - before.streamsRefused);
+    if (now.unroutable != before.unroutable)
+        log_limited(log_kind::unrouted, spdlog::level::warn,
+                    "{}: {} events without destination dropped, of a class that always has one",
+                    client_name(c), now.unroutable - before.unroutable);
+}
+
 /* Bytes that arrive while stopping are read and thrown away: closing a socket with unread input would reset
  * the connection and destroy what is still on its way to the client. */
 static void take_input(client &c, std::string_view bytes)
@@ -405,6 +419,7 @@ static void take_input(client &c, std::string_view bytes)
     s.counters.bytesIn += bytes.size();
     const bool wasConnected = c.talk.reader.connected;
     const size_t subscribers = s.routing.subscribers.size();
+    const engine_counters before = s.routing.counters;
     std::string why;
     const bool goesOn = session_take(c.talk, s.routing, bytes, why);
     if (!wasConnected && c.talk.reader.connected && goesOn)
@@ -412,6 +427,7 @@ static void take_input(client &c, std::string_view bytes)
     if (subscribers != s.routing.subscribers.size())
         spdlog::debug("{} subscribed or unsubscribed: {} subscribers in all", client_name(c),
                       s.routing.subscribers.size());
+    note_unrouted(c, before);
     for (const int32_t id : std::exchange(c.talk.unindexed, {}))
         log_limited(log_kind::unindexed, spdlog::level::info,
                     "{}: the subscription of its subscriber {} has to be tried for every event",

@@ -53,7 +53,7 @@ static constexpr config_key keys[] = {
     {"limits.subscriber", &configuration::subscriber, 1024, 256 * mebibyte, "", true,
      "octets of one subscriber's address: its texts and properties"},
     {"limits.all_subscribers", &configuration::allSubscribers, mebibyte, 1024 * mebibyte, "", true,
-     "octets of all addresses together, so of any list of members"},
+     "octets kept for all subscribers: addresses, subscriptions, interests, open streams"},
 
     {"language.octets", &configuration::languageOctets, 0, 256 * mebibyte, "", true,
      "octets of a subscription or a membership interest"},

@@ -8,6 +8,33 @@ namespace zebd
 /* How long changes among the members are gathered, so that many who come at once are told of together. */
 static constexpr uint32_t gatherMilliseconds = 50;
 
+/* ---- Memory ---- */
+
+/* What a subscriber or one of its properties takes in tables, beside its texts. */
+static constexpr size_t tablesOfASubscriber = 512, tablesOfAProperty = 448;
+
+/* The texts of properties stand in the request, in the address and in the table of addresses. */
+static size_t octets_of(const subscriber &one)
+{
+    const subscribe_request &request = one.request;
+    size_t octets = sizeof(subscriber) + tablesOfASubscriber + one.records.size() +
+                    request.subscription.size() + request.interest.size() + 2 * request.component.size();
+    for (const auto &[name, value] : request.properties)
+        octets += tablesOfAProperty + 2 * (name.size() + value.size());
+    return octets;
+}
+
+static size_t octets_of(std::string_view key, const std::vector<uint64_t> &receivers)
+{
+    return key.size() + sizeof(open_stream) + receivers.size() * sizeof(uint64_t) + 64;
+}
+
+size_t engine_octets(const engine &engine)
+{
+    return engine.subscriberOctets + engine.index.octets + engine.members.interests.octets +
+           engine.streamOctets;
+}
+
 /* ---- Subscribers ---- */
 
 static bool parse_texts(const engine &engine, const subscribe_request &request, subscription &events,
@@ -37,8 +64,6 @@ static bool address_fits(const engine &engine, const subscriber &fresh, std::str
 {
     if (fresh.records.size() > engine.limits.address)
         why = "E_LIMIT 0 subscription, component and properties are too long for an address";
-    else if (engine.addressOctets + fresh.records.size() > engine.limits.addresses)
-        why = "E_LIMIT 0 the addresses of all subscribers are too long together";
     return why.empty();
 }
 
@@ -69,7 +94,7 @@ static void enter(engine &engine, candidate &&fresh)
 {
     const uint64_t serial = fresh.record.serial;
     const subscriber &entered = engine.subscribers.emplace(serial, std::move(fresh.record)).first->second;
-    engine.addressOctets += entered.records.size();
+    engine.subscriberOctets += octets_of(entered);
     engine.connections[entered.connection].subscribers.emplace(entered.request.id, serial);
     index_add(engine.index, serial, std::move(fresh.events));
     membership_join(engine.members, entered, std::move(fresh.members));
@@ -87,9 +112,16 @@ bool engine_up(engine &engine, connection_id connection, subscribe_request reque
         return false;
     }
     engine.lastSerial++;
+    const int32_t id = fresh.record.request.id;
     enter(engine, std::move(fresh));
+    const bool fits = engine_octets(engine) <= engine.limits.kept;
+    if (!fits) { /* what it takes was not known before */
+        why = "E_LIMIT 0 all subscribers together take too much memory";
+        engine.counters.subscribersRefused++;
+        engine_down(engine, connection, id);
+    }
     wake_for_members(engine);
-    return true;
+    return fits;
 }
 
 static void forget(engine &engine, uint64_t serial)
@@ -98,7 +130,7 @@ static void forget(engine &engine, uint64_t serial)
     const auto at = engine.subscribers.find(serial);
     subscriber gone = std::move(at->second);
     engine.subscribers.erase(at);
-    engine.addressOctets -= gone.records.size();
+    engine.subscriberOctets -= octets_of(gone);
     membership_leave(engine.members, std::move(gone));
 }
 
@@ -122,6 +154,8 @@ void engine_connection_gone(engine &engine, connection_id connection)
         return;
     for (const auto &[id, serial] : at->second.subscribers)
         forget(engine, serial);
+    for (const auto &[key, stream] : at->second.streams)
+        engine.streamOctets -= stream.octets;
     engine.connections.erase(at);
     wake_for_members(engine);
 }
@@ -255,38 +289,83 @@ static const std::vector<uint64_t> &find_receivers(engine &engine, const event &
     return engine.receivers;
 }
 
-/* The first piece under a key is the head of a stream and an empty one its end. */
-static void publish_piece(engine &engine, const delivery &how, const std::shared_ptr<const event> &what)
+/* ---- Streams ---- */
+
+static bool has_room_for_stream(const engine &engine, const engine_connection &from, std::string_view key)
 {
-    auto &streams = engine.connections[how.from].streams;
-    const std::string key(what->text(what->streamKey));
+    return from.streams.size() < engine.limits.streams &&
+           from.streamKeys + key.size() <= engine.limits.streamKeys &&
+           engine_octets(engine) + octets_of(key, {}) <= engine.limits.kept;
+}
+
+static void open_a_stream(engine &engine, engine_connection &from, std::string_view key,
+                          const std::vector<uint64_t> &receivers)
+{
+    const size_t octets = octets_of(key, receivers);
+    from.streams.emplace(key, open_stream{receivers, octets});
+    from.streamKeys += key.size();
+    engine.streamOctets += octets;
+}
+
+static void close_stream(engine &engine, engine_connection &from, text_map<open_stream>::iterator stream)
+{
+    engine.streamOctets -= stream->second.octets;
+    from.streamKeys -= stream->first.size();
+    from.streams.erase(stream);
+}
+
+/* Refused streams of one connection whose end has not come. */
+static constexpr size_t mostRefused = 4096;
+
+/* Pieces of a stream without its head would look like a whole one, so all of them are dropped. */
+static bool refuse_piece(engine &engine, engine_connection &from, size_t hash, bool isEnd, std::string &why)
+{
+    engine.counters.streamsRefused++;
+    if (isEnd)
+        from.refused.erase(hash);
+    else
+        from.refused.insert(hash);
+    if (from.refused.size() <= mostRefused)
+        return true;
+    why = "more than " + std::to_string(mostRefused) + " of its streams were refused and have not ended";
+    return false;
+}
+
+/* The first piece under a key is the head of a stream and an empty one its end. */
+static bool publish_piece(engine &engine, const delivery &how, const std::shared_ptr<const event> &what,
+                          std::string &why)
+{
+    engine_connection &from = engine.connections[how.from];
+    const std::string_view key = what->text(what->streamKey);
     const bool isEnd = what->body.length == 0;
-    const auto open = streams.find(key);
-    if (open != streams.end()) {
-        hand_out(engine, how, what, open->second);
+    const auto open = from.streams.find(key);
+    if (open != from.streams.end()) {
+        hand_out(engine, how, what, open->second.receivers);
         if (isEnd)
-            streams.erase(open);
-        return;
+            close_stream(engine, from, open);
+        return true;
     }
-    if (!isEnd && streams.size() >= engine.limits.streams) {
-        engine.counters.streamsRefused++;
-        return;
-    }
+    const size_t hash = text_hash()(key);
+    if (from.refused.count(hash) > 0 || (!isEnd && !has_room_for_stream(engine, from, key)))
+        return refuse_piece(engine, from, hash, isEnd, why);
     const std::vector<uint64_t> &receivers = find_receivers(engine, *what);
     hand_out(engine, how, what, receivers);
     if (!isEnd)
-        streams.emplace(key, receivers);
+        open_a_stream(engine, from, key, receivers);
+    return true;
 }
 
-void engine_publish(engine &engine, connection_id connection, const std::shared_ptr<const event> &what)
+bool engine_publish(engine &engine, connection_id connection, const std::shared_ptr<const event> &what,
+                    std::string &why)
 {
     const delivery how{connection, source_of(engine, connection, *what), false};
     if (what->cls == event_class::incoming_stream)
-        publish_piece(engine, how, what);
-    else if (what->cls == event_class::message)
+        return publish_piece(engine, how, what, why);
+    if (what->cls == event_class::message)
         hand_out(engine, how, what, find_receivers(engine, *what));
     else
         engine.counters.unroutable++;
+    return true;
 }
 
 void engine_send_to(engine &engine, connection_id connection, const std::shared_ptr<const event> &what,
@@ -339,10 +418,8 @@ bool engine_take(engine &engine, connection_id connection, const std::shared_ptr
                  std::string &why)
 {
     engine.counters.taken++;
-    if (what->addresses.length == 0) {
-        engine_publish(engine, connection, what);
-        return true;
-    }
+    if (what->addresses.length == 0)
+        return engine_publish(engine, connection, what, why);
     if (!resolve_destinations(engine, *what, why))
         return false;
     engine_send_to(engine, connection, what, engine.receivers);

@@ -58,6 +58,21 @@ static void unfile_entry(subscription_index &index, const index_entry &entry)
     }
 }
 
+/* What filing a clause takes beside its texts: a table for its name, which it may have alone, and a list in
+ * that. */
+static constexpr size_t tablesOfAClause = sizeof(name_table) + 256;
+
+static size_t octets_of(const index_entry &entry)
+{
+    size_t octets = sizeof(index_entry) + 2 * entry.normal.capacity() + subscription_octets(entry.sub);
+    for (const auto &filed : entry.clauses) {
+        octets += sizeof(filed_clause) + filed->tests.capacity() * sizeof(literal) + tablesOfAClause;
+        if (filed->by != nullptr)
+            octets += filed->by->name.size() + filed->by->value.size();
+    }
+    return octets;
+}
+
 /* ---- Holders ---- */
 
 void index_add(subscription_index &index, uint64_t holder, subscription sub)
@@ -69,6 +84,8 @@ void index_add(subscription_index &index, uint64_t holder, subscription sub)
         entry->sub = std::move(sub);
         entry->normal = std::move(normal);
         file_entry(index, *entry);
+        entry->octets = octets_of(*entry);
+        index.octets += entry->octets;
     }
     index.filed.emplace(holder, index_place{entry.get(), entry->holders.size()});
     entry->holders.push_back(holder);
@@ -90,6 +107,7 @@ void index_remove(subscription_index &index, uint64_t holder)
     if (!entry.holders.empty())
         return;
     unfile_entry(index, entry);
+    index.octets -= entry.octets;
     index.entries.erase(index.entries.find(entry.normal));
 }
 

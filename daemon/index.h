@@ -26,6 +26,7 @@ struct index_entry {
     std::vector<uint64_t> holders; /* in no particular order */
     std::vector<std::unique_ptr<filed_clause>> clauses;
     bool typeOnly = false; /* names nothing but @type */
+    size_t octets = 0;     /* about what all this takes, its places in the tables included */
     uint64_t found = 0;    /* number of the match that found it last */
 };
 
@@ -42,6 +43,7 @@ struct subscription_index {
     filing byType, general;                          /* entries that name only @type, and the others */
     text_map<std::vector<index_entry *>> types;      /* what `byType` gave for a type; a cache */
     size_t remainder = 0;                            /* clauses that are tried for every subject */
+    size_t octets = 0;                               /* of all entries */
     uint64_t matches = 0;
     clause_list candidates;            /* of the match at hand; kept for its room */
     std::vector<index_entry *> served; /* likewise */

@@ -13,8 +13,18 @@ namespace zebd
 {
 
 /* Lines of one kind share a limit. */
-enum class log_kind : uint8_t { accepting, connected, disconnected, unindexed, ended, queue, admin, manager };
-constexpr size_t logKinds = 8;
+enum class log_kind : uint8_t {
+    accepting,
+    connected,
+    disconnected,
+    unindexed,
+    unrouted,
+    ended,
+    queue,
+    admin,
+    manager
+};
+constexpr size_t logKinds = 9;
 
 /* LEVEL is one of debug, info, warning and error; a kind writes at most LINES_PER_SECOND. */
 void log_start();

@@ -51,7 +51,7 @@ static constexpr counter_description counters[] = {
     {"addressGone", "zebd_addresses_gone_total", "", "Destinations of directed events that were not there.",
      of_engine<&engine_counters::addressGone>},
     {"streamsRefused", "zebd_stream_pieces_refused_total", "",
-     "Pieces dropped because their client had too many streams open.",
+     "Pieces of streams for which there was no room when they began.",
      of_engine<&engine_counters::streamsRefused>},
     {"subscribersRefused", "zebd_subscribers_refused_total", "", "Subscribe messages refused.",
      of_engine<&engine_counters::subscribersRefused>},

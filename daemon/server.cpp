@@ -131,7 +131,7 @@ static void apply_configuration(server &s, const configuration &config)
     limits.subscribers = static_cast<size_t>(config.subscribers);
     limits.streams = static_cast<size_t>(config.streams);
     limits.address = static_cast<size_t>(config.subscriber);
-    limits.addresses = static_cast<size_t>(config.allSubscribers);
+    limits.kept = static_cast<size_t>(config.allSubscribers);
     limits.language.octets = static_cast<size_t>(config.languageOctets);
     limits.language.nesting = static_cast<size_t>(config.languageNesting);
     limits.language.predicates = static_cast<size_t>(config.languagePredicates);

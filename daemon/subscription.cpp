@@ -472,6 +472,25 @@ std::string parse_error_text(const parse_error &error)
     return text;
 }
 
+/* ---- Size ---- */
+
+static size_t octets_below(const expression &tree)
+{
+    size_t octets = tree.test.name.capacity() + tree.test.value.capacity() +
+                    tree.test.pattern.parts.capacity() * sizeof(glob_part) +
+                    tree.parts.capacity() * sizeof(expression);
+    for (const glob_part &part : tree.test.pattern.parts)
+        octets += part.text.capacity() + part.fallback.capacity() * sizeof(uint32_t);
+    for (const expression &part : tree.parts)
+        octets += octets_below(part);
+    return octets;
+}
+
+size_t subscription_octets(const subscription &sub)
+{
+    return sizeof(subscription) + octets_below(sub.root);
+}
+
 /* ---- Evaluation ---- */
 
 std::span<const property_view> properties_in_order(std::vector<property_view> &properties)

@@ -117,6 +117,9 @@ bool subscription_parse(std::string_view text, subject_kind kind, const language
 /* The error in one line, as it goes to the subscriber: "E_SYNTAX 8 expected ...". */
 std::string parse_error_text(const parse_error &error);
 
+/* About how much memory the tree of SUB keeps. */
+size_t subscription_octets(const subscription &sub);
+
 bool subscription_matches(const subscription &sub, const subject &what);
 
 bool predicate_holds(const predicate &test, const subject &what);

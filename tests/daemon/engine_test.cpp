@@ -4,6 +4,7 @@
 #include "wire.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 using namespace zebd;
 
@@ -24,17 +25,22 @@ struct Engine : testing::Test {
         return engine_up(routing, connection, request, refusal);
     }
 
-    void take(connection_id from, std::string_view text)
+    bool taken(connection_id from, std::string_view text)
     {
         message_reader reader;
         message_reader_feed(reader, wire::connect);
         message_reader_feed(reader, text);
         message what;
-        ASSERT_EQ(message_reader_next(reader, what), read_result::complete);
-        ASSERT_EQ(message_reader_next(reader, what), read_result::complete) << reader.error;
-        const auto taken = std::get<std::shared_ptr<event>>(what);
-        taken->takenAt = 1111;
-        EXPECT_TRUE(engine_take(routing, from, taken, refusal)) << refusal;
+        EXPECT_EQ(message_reader_next(reader, what), read_result::complete);
+        EXPECT_EQ(message_reader_next(reader, what), read_result::complete) << reader.error;
+        const auto read = std::get<std::shared_ptr<event>>(what);
+        read->takenAt = 1111;
+        return engine_take(routing, from, read, refusal);
+    }
+
+    void take(connection_id from, std::string_view text)
+    {
+        EXPECT_TRUE(taken(from, text)) << refusal;
     }
 
     /* "connection:subscriber" of everything handed out since the last call, in connection order. */
@@ -267,6 +273,159 @@ TEST_F(Engine, OpenStreamsOfOneConnectionAreLimited)
     take(9, piece("first goes on", "/log", "k1"));
     EXPECT_EQ(receivers(), "1:1 1:1");
     EXPECT_EQ(routing.counters.streamsRefused, 1U);
+}
+
+/* A stream that began in the middle would look whole. */
+TEST_F(Engine, NoPieceOfARefusedStreamIsTakenForItsHead)
+{
+    routing.limits.streams = 1;
+    ASSERT_TRUE(up(1, 1, ""));
+    take(9, piece("first", "/log", "k1"));
+    take(9, piece("refused", "/log", "k2"));
+    take(9, piece("", "/log", "k1"));
+    EXPECT_EQ(receivers(), "1:1 1:1");
+    take(9, piece("goes on", "/log", "k2"));
+    take(9, piece("", "/log", "k2"));
+    EXPECT_EQ(receivers(), "");
+    EXPECT_EQ(routing.counters.streamsRefused, 3U);
+    take(9, piece("a new head", "/log", "k2"));
+    EXPECT_EQ(receivers(), "1:1");
+}
+
+TEST_F(Engine, AConnectionWithTooManyRefusedStreamsIsEnded)
+{
+    routing.limits.streams = 0;
+    for (int i = 0; i < 4096; i++)
+        take(9, piece("refused", "/log", std::to_string(i)));
+    take(9, piece("", "/log", "7"));
+    take(9, piece("refused", "/log", "7"));
+    EXPECT_FALSE(taken(9, piece("refused", "/log", "one more")));
+    EXPECT_EQ(refusal, "more than 4096 of its streams were refused and have not ended");
+}
+
+TEST_F(Engine, KeysOfOpenStreamsAreLimitedTogether)
+{
+    routing.limits.streamKeys = 1000;
+    take(9, piece("head", "/log", std::string(600, 'a')));
+    take(9, piece("refused", "/log", std::string(600, 'b')));
+    EXPECT_EQ(routing.counters.streamsRefused, 1U);
+    take(9, piece("", "/log", std::string(600, 'a')));
+    take(9, piece("head", "/log", std::string(600, 'c')));
+    EXPECT_EQ(routing.counters.streamsRefused, 1U);
+    EXPECT_EQ(routing.connections[9].streams.size(), 1U);
+}
+
+/* ---- Memory ---- */
+
+TEST_F(Engine, OpenStreamsCountWithAllSubscribers)
+{
+    for (int32_t id = 1; id <= 100; id++)
+        ASSERT_TRUE(up(1, id, ""));
+    const size_t without = engine_octets(routing);
+    take(9, piece("head", "/log", "k1"));
+    EXPECT_GE(engine_octets(routing), without + 100 * sizeof(uint64_t));
+    routing.limits.kept = engine_octets(routing) + 10;
+    take(9, piece("refused", "/log", "k2"));
+    EXPECT_EQ(routing.counters.streamsRefused, 1U);
+    EXPECT_FALSE(up(1, 101, ""));
+    EXPECT_EQ(refusal, "E_LIMIT 0 all subscribers together take too much memory");
+    engine_connection_gone(routing, 9);
+    EXPECT_EQ(engine_octets(routing), without);
+    engine_connection_gone(routing, 1);
+    EXPECT_EQ(engine_octets(routing), 0U);
+}
+
+std::string many_alternatives(int number, int count)
+{
+    std::string text;
+    for (int i = 0; i < count; i++)
+        text += (i > 0 ? "|\"p" : "\"p") + std::to_string(number) + "." + std::to_string(i) + "=1\"";
+    return text;
+}
+
+/* What is refused leaves nothing behind, and what others have stays. */
+TEST_F(Engine, SubscriptionsAndInterestsAreLimitedInMemoryTogether)
+{
+    routing.limits.kept = size_t{4} * 1024 * 1024;
+    int32_t accepted = 0;
+    while (accepted < 100 &&
+           up(1, accepted + 1, many_alternatives(accepted, 500), many_alternatives(accepted, 500)))
+        accepted++;
+    EXPECT_GT(accepted, 1);
+    EXPECT_LT(accepted, 10);
+    EXPECT_EQ(refusal, "E_LIMIT 0 all subscribers together take too much memory");
+    EXPECT_LE(engine_octets(routing), routing.limits.kept);
+    EXPECT_EQ(routing.subscribers.size(), static_cast<size_t>(accepted));
+    EXPECT_EQ(routing.index.entries.size(), static_cast<size_t>(accepted));
+    EXPECT_EQ(routing.members.interests.entries.size(), static_cast<size_t>(accepted));
+    EXPECT_TRUE(up(2, 1, "/small"));
+}
+
+size_t allocated()
+{
+    const struct mallinfo2 now = mallinfo2();
+    return now.uordblks + now.hblkhd;
+}
+
+/* Of the memory that subscribers really take at least half is counted, and not many times as much. */
+struct Counted : Engine {
+    void SetUp() override
+    {
+        if (allocated() == 0)
+            GTEST_SKIP() << "this allocator tells nothing, as those of sanitizers";
+    }
+
+    void expect_counted(size_t before)
+    {
+        engine_flush(routing);
+        out.sent.clear();
+        out.encodings.clear();
+        const size_t taken = allocated() - before, counted = engine_octets(routing);
+        EXPECT_GT(counted, taken / 2);
+        EXPECT_LT(counted, taken * 4);
+    }
+};
+
+TEST_F(Counted, InterestsAndSubscriptions)
+{
+    const size_t before = allocated();
+    for (int32_t id = 1; id <= 20; id++)
+        ASSERT_TRUE(up(1, id, many_alternatives(id, 1000), many_alternatives(id, 2000)));
+    expect_counted(before);
+}
+
+TEST_F(Counted, PatternsUnderOneName)
+{
+    const size_t before = allocated();
+    for (int32_t id = 1; id <= 20; id++) {
+        std::string text;
+        for (int i = 0; i < 1000; i++)
+            text += (i > 0 ? "|\"a~=*" : "\"a~=*") + std::to_string(i) + "*" + std::to_string(id) + "?\"";
+        ASSERT_TRUE(up(1, id, text));
+    }
+    expect_counted(before);
+}
+
+TEST_F(Counted, SmallSubscribers)
+{
+    const size_t before = allocated();
+    for (int32_t id = 1; id <= 5000; id++)
+        ASSERT_TRUE(up(1, id, "/t/" + std::to_string(id)));
+    expect_counted(before);
+}
+
+TEST_F(Counted, Properties)
+{
+    const size_t before = allocated();
+    for (int32_t id = 1; id <= 5; id++) {
+        subscribe_request request;
+        request.id = id;
+        request.subscription = request.interest = "null";
+        for (int i = 0; i < 5000; i++)
+            request.properties.emplace_back(std::to_string(id * 10000 + i), "v");
+        ASSERT_TRUE(engine_up(routing, 1, std::move(request), refusal)) << refusal;
+    }
+    expect_counted(before);
 }
 
 /* ---- Interning ---- */

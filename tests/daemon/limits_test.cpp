@@ -78,6 +78,32 @@ struct Limits : testing::Test {
     }
 };
 
+/* ---- What is sent in vain ---- */
+
+TEST_F(Limits, PiecesOfRefusedStreamsAreLogged)
+{
+    serve({"limits.streams=0"});
+    peer from;
+    ASSERT_TRUE(from.join(daemon.port));
+    ASSERT_TRUE(from.say(std::string(wire::streamPiece) + std::string(wire::streamPiece)));
+    EXPECT_TRUE(process::wait_for_err(daemon, "pieces dropped, there was no room for their streams"))
+        << daemon.errText;
+    EXPECT_TRUE(round_trip(from));
+}
+
+TEST_F(Limits, EventsThatGoNowhereAreLogged)
+{
+    serve({});
+    peer from;
+    const std::string event =
+        wire::with(wire::with(wire::stateEvent, "AddrList-Length: 4", "AddrList-Length: 0"), "okADDR", "ok");
+    ASSERT_TRUE(from.join(daemon.port) && from.say(event));
+    EXPECT_TRUE(process::wait_for_err(
+        daemon, ": 1 events without destination dropped, of a class that always has one"))
+        << daemon.errText;
+    EXPECT_TRUE(round_trip(from));
+}
+
 /* ---- Slow readers ---- */
 
 constexpr int moreThanSocketsHold = 600; /* 30 MB */

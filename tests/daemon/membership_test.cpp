@@ -163,7 +163,7 @@ TEST_F(Membership, ATextTooLongForAnAddressIsRefused)
 TEST_F(Membership, AddressesAreLimitedOneByOneAndTogether)
 {
     routing.limits.address = 400;
-    routing.limits.addresses = 1000;
+    routing.limits.kept = 10000;
     subscribe_request request;
     request.subscription = request.interest = "null";
     request.id = 1;
@@ -175,9 +175,9 @@ TEST_F(Membership, AddressesAreLimitedOneByOneAndTogether)
     for (request.id = 1; accepted && request.id < 10; request.id++)
         accepted = engine_up(routing, 1, request, why);
     EXPECT_FALSE(accepted);
-    EXPECT_EQ(why, "E_LIMIT 0 the addresses of all subscribers are too long together");
+    EXPECT_EQ(why, "E_LIMIT 0 all subscribers together take too much memory");
     engine_connection_gone(routing, 1);
-    EXPECT_EQ(routing.addressOctets, 0U);
+    EXPECT_EQ(engine_octets(routing), 0U);
     EXPECT_TRUE(engine_up(routing, 1, request, why)) << why;
 }
 
