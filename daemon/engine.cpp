@@ -90,6 +90,28 @@ static void wake_for_members(engine &engine)
         engine.out.wake(engine.out.context, gatherMilliseconds);
 }
 
+static member_context context_of(const engine &engine)
+{
+    return {engine.subscribers, engine.identity, engine.out, engine.now(), engine.lastSerial};
+}
+
+void engine_flush(engine &engine)
+{
+    membership_flush(engine.members, context_of(engine));
+    wake_for_members(engine);
+}
+
+/* How often a flush may ask an interest that no table answers about a change; some ten milliseconds. */
+static constexpr size_t changesTimesInterests = 250000;
+
+/* Where many join and such interests are many, the flush cannot wait for all of them. It must not come
+ * between a new subscriber and the answer to it either, so it comes before the next one. */
+static void flush_when_costly(engine &engine)
+{
+    if (engine.members.log.size() * engine.members.interests.remainder > changesTimesInterests)
+        engine_flush(engine);
+}
+
 static void enter(engine &engine, candidate &&fresh)
 {
     const uint64_t serial = fresh.record.serial;
@@ -102,6 +124,7 @@ static void enter(engine &engine, candidate &&fresh)
 
 bool engine_up(engine &engine, connection_id connection, subscribe_request request, std::string &why)
 {
+    flush_when_costly(engine);
     engine_down(engine, connection, request.id);
     candidate fresh;
     fresh.record.serial = engine.lastSerial + 1;
@@ -232,11 +255,6 @@ static std::string addresses_of(const engine &engine, const delivery &how,
             address_list_add(list, roleDestination, *receiver);
     }
     return std::move(list.octets);
-}
-
-static member_context context_of(const engine &engine)
-{
-    return {engine.subscribers, engine.identity, engine.out, engine.now(), engine.lastSerial};
 }
 
 static void tell_before(engine &engine, const delivery &how, std::span<const uint64_t> receivers)
@@ -372,12 +390,6 @@ void engine_send_to(engine &engine, connection_id connection, const std::shared_
                     std::span<const uint64_t> receivers)
 {
     hand_out(engine, {connection, source_of(engine, connection, *what), true}, what, receivers);
-}
-
-void engine_flush(engine &engine)
-{
-    membership_flush(engine.members, context_of(engine));
-    wake_for_members(engine);
 }
 
 /* ---- Destinations ---- */

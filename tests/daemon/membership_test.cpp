@@ -741,6 +741,13 @@ struct CostlyMembership : Membership {
     }
 };
 
+TEST_F(CostlyMembership, ManyJoinsAreComparedWithManyInterestsInPortions)
+{
+    EXPECT_EQ(routing.members.interests.remainder, watchers);
+    EXPECT_LT(routing.members.log.size(), 300U);
+    EXPECT_FALSE(out.sent.empty());
+}
+
 TEST_F(CostlyMembership, FirstListsAreMadeInPortions)
 {
     EXPECT_GT(flush_all(), 10U);
@@ -767,6 +774,8 @@ TEST_F(CostlyMembership, ListsAfterAChangeAreMadeInPortionsWithTheLatest)
 
 TEST_F(CostlyMembership, WhoIsPostponedStillKnowsAMemberBeforeItsEvent)
 {
+    engine_flush(routing);
+    out.sent.clear();
     up(5000, 1, "n");
     engine_flush(routing);
     EXPECT_TRUE(membership_pending(routing.members));
