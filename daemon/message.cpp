@@ -114,7 +114,7 @@ static bool take_count(message_reader &reader, std::string_view text, size_t lim
     if (!parse_int(text, value) || value < 0)
         return fail(reader, "'" + printable(text) + "' is no valid count");
     if (static_cast<size_t>(value) > limit)
-        return fail(reader, std::string(text) + " is above the limit of " + std::to_string(limit));
+        return fail(reader, std::to_string(value) + " is above the limit of " + std::to_string(limit));
     return true;
 }
 
@@ -181,8 +181,9 @@ static bool take_self_id(message_reader &reader, const line_view &line)
     auto &request = std::get<connect_request>(reader.current);
     const size_t length = line.begin - reader.formFactor;
     request.formFactor =
-        reader.in.substr(reader.start + reader.formFactor, length - std::min<size_t>(length, 2));
-    request.selfId = line.value.substr(name.size());
+        reader.in.substr(reader.start + reader.formFactor,
+                         std::min(length - std::min<size_t>(length, 2), longestSelfDescription));
+    request.selfId = line.value.substr(name.size(), longestSelfDescription);
     return go(reader, step_connect_end);
 }
 
@@ -293,6 +294,13 @@ static bool take_property_count(message_reader &reader, const line_view &line)
     return go(reader, reader.propertiesLeft > 0 ? step_property : step_after_properties(reader));
 }
 
+/* What a text takes on top of its record, which holds short ones itself. */
+static size_t octets_outside(const std::string &text)
+{
+    static constexpr size_t blockOctets = 16;
+    return text.capacity() > std::string().capacity() ? text.capacity() + blockOctets : 0;
+}
+
 /* The first ": " ends the name. A name may hold a bare colon: the text that replaces a refused name does. */
 static bool take_property(message_reader &reader, const line_view &line)
 {
@@ -300,7 +308,9 @@ static bool take_property(message_reader &reader, const line_view &line)
     if (colon == std::string_view::npos)
         return fail(reader, "'" + printable(line.value) + "' is no property");
     if (subscribe_request *request = current_subscribe(reader)) {
-        request->properties.emplace_back(line.value.substr(0, colon), line.value.substr(colon + 2));
+        const auto &[name, value] =
+            request->properties.emplace_back(line.value.substr(0, colon), line.value.substr(colon + 2));
+        reader.copied += octets_outside(name) + octets_outside(value);
     } else {
         const auto nameLength = static_cast<uint32_t>(colon);
         const slice name{line.run.offset, nameLength};
@@ -439,12 +449,12 @@ static bool take_header(message_reader &reader)
     return true;
 }
 
-/* The bytes of the message, cut out of the buffer. One that makes up most of the buffer takes it along, and
- * what follows is copied instead; so neither keeps much more memory than it needs, and a large message is
- * never copied. */
+/* The bytes of the message, cut out of the buffer. One that fills most of the buffer takes it along, and what
+ * follows is copied instead; so neither keeps much more memory than it needs, and a large message, for which
+ * there was just enough room, is not copied. */
 static std::string cut_message(message_reader &reader)
 {
-    if (reader.start > 0 || 2 * reader.bodyEnd < reader.in.capacity())
+    if (reader.start > 0 || reader.bodyEnd + reader.bodyEnd / 4 < reader.in.capacity())
         return reader.in.substr(reader.start, reader.bodyEnd - reader.start);
     std::string raw = reader.in.substr(reader.bodyEnd);
     raw.swap(reader.in);
@@ -460,6 +470,7 @@ static void begin_message(message_reader &reader, size_t at)
     reader.line = 0;
     reader.step = step_request;
     reader.propertiesLeft = reader.bodyLength = reader.addressesLength = 0;
+    reader.copied = 0;
 }
 
 static void finish_message(message_reader &reader, message &out)
@@ -469,6 +480,20 @@ static void finish_message(message_reader &reader, message &out)
     reader.connected = true;
     out = std::move(reader.current);
     begin_message(reader, reader.bodyEnd);
+}
+
+/* A buffer grows to twice its room each time, whatever has been announced; but where that would be more than
+ * the message needs, it gets what the message needs. */
+static void make_room(message_reader &reader, size_t octets)
+{
+    const size_t needed = std::max(reader.in.size() + octets, reader.bodyEnd);
+    const size_t room = reader.in.capacity();
+    if (reader.in.size() + octets <= room || reader.bodyEnd == 0 || needed >= 2 * room)
+        return;
+    std::string larger;
+    larger.reserve(needed); /* on the buffer itself it would double */
+    larger.append(reader.in);
+    reader.in.swap(larger);
 }
 
 /* Drops what has been handed out, so that the buffer holds at most one unfinished message. */
@@ -481,6 +506,7 @@ void message_reader_feed(message_reader &reader, std::string_view bytes)
     reader.scanned -= used;
     if (reader.bodyEnd != 0)
         reader.bodyEnd -= used;
+    make_room(reader, bytes.size());
     reader.in.append(bytes);
 }
 
@@ -508,6 +534,19 @@ read_result message_reader_next(message_reader &reader, message &out)
 bool message_reader_in_message(const message_reader &reader)
 {
     return reader.in.size() > reader.start;
+}
+
+size_t message_reader_octets(const message_reader &reader)
+{
+    size_t octets = reader.in.capacity() + reader.copied;
+    if (const auto *subscribe = std::get_if<subscribe_request>(&reader.current))
+        octets += octets_outside(subscribe->subscription) + octets_outside(subscribe->component) +
+                  octets_outside(subscribe->interest) +
+                  subscribe->properties.capacity() * sizeof(property_list::value_type);
+    else if (const auto *taken = std::get_if<std::shared_ptr<event>>(&reader.current);
+             taken != nullptr && *taken != nullptr)
+        octets += sizeof(event) + (*taken)->properties.capacity() * sizeof(property_slice);
+    return octets;
 }
 
 } // namespace zebd

@@ -55,10 +55,13 @@ struct property_slice {
 
 using property_list = std::vector<std::pair<std::string, std::string>>;
 
+/* What is kept of each text in which a client tells about itself; they are as long as it likes. */
+constexpr size_t longestSelfDescription = 4096;
+
 struct connect_request {
     std::string version;    /* blanks around it removed */
-    std::string formFactor; /* as sent: may hold any octets, line ends included */
-    std::string selfId;
+    std::string formFactor; /* as sent: may hold any octets, line ends included; its beginning */
+    std::string selfId;     /* its beginning */
 };
 
 /* An absent subscription or interest is the text "null"; the language knows it. */
@@ -116,6 +119,7 @@ struct message_reader {
     size_t formFactor = 0; /* where the form factor of a connect begins */
 
     message current;
+    size_t copied = 0; /* octets that the properties of `current` take outside their records */
     std::string error; /* why it is broken: one line of printable text */
 };
 
@@ -127,6 +131,9 @@ read_result message_reader_next(message_reader &reader, message &out);
 
 /* Whether part of a message has been received, so that an end of the connection cuts it off. */
 bool message_reader_in_message(const message_reader &reader);
+
+/* The memory that it keeps for what it has received and not yet handed out. */
+size_t message_reader_octets(const message_reader &reader);
 
 /* TEXT as one printable line of moderate length, for logs: anything else is written as \xNN. */
 std::string printable(std::string_view text);

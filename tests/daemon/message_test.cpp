@@ -376,9 +376,65 @@ TEST(MessageReader, AnEventKeepsLittleMoreMemoryThanItNeeds)
         many += wire::messageEvent;
     message_reader_feed(reader, many + std::string(wire::messageEvent.substr(0, 50)));
     for (int i = 0; i < 200; i++)
-        EXPECT_LE(next_event(reader)->raw.capacity(), 2 * wire::messageEvent.size());
+        EXPECT_LE(next_event(reader)->raw.capacity(), 5 * wire::messageEvent.size() / 4);
     message_reader_feed(reader, wire::messageEvent.substr(50));
-    EXPECT_LE(next_event(reader)->raw.capacity(), 2 * wire::messageEvent.size());
+    EXPECT_LE(next_event(reader)->raw.capacity(), 5 * wire::messageEvent.size() / 4);
+}
+
+TEST(MessageReader, ALargeEventKeepsNoMoreMemoryThanItNeeds)
+{
+    constexpr size_t piece = 65536;
+    for (const size_t body : {100000u, 300000u, 1100000u, 5000000u}) {
+        const std::string large =
+            wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(body)) +
+            std::string(body, 'x');
+        message_reader reader;
+        message_reader_feed(reader, wire::connect);
+        EXPECT_EQ(next_event(reader), nullptr);
+        for (size_t at = 0; at < large.size(); at += piece) {
+            message_reader_feed(reader, large.substr(at, piece));
+            EXPECT_LE(reader.in.capacity(), 2 * std::min(large.size(), at + piece));
+            if (at + piece < large.size()) {
+                EXPECT_EQ(next_event(reader), nullptr);
+            }
+        }
+        const auto taken = next_event(reader);
+        ASSERT_NE(taken, nullptr);
+        EXPECT_EQ(taken->raw, large);
+        EXPECT_LE(taken->raw.capacity(), 5 * large.size() / 4);
+    }
+}
+
+TEST(MessageReader, AnUnfinishedSubscribeCountsWithItsProperties)
+{
+    std::string half = wire::with(wire::subscribeEverything, "numberOfProperties: 0\r\n\r\n",
+                                  "numberOfProperties: 5001\r\n");
+    for (int i = 0; i < 2500; i++)
+        half += "a: \r\n" + std::string(100, 'b') + ": \r\n";
+    message_reader reader;
+    message_reader_feed(reader, std::string(wire::connect) + half);
+    message what;
+    ASSERT_EQ(message_reader_next(reader, what), read_result::complete);
+    ASSERT_EQ(message_reader_next(reader, what), read_result::need_more);
+    EXPECT_GE(message_reader_octets(reader),
+              half.size() + 5000 * sizeof(property_list::value_type) + 2500 * 100);
+    message_reader_feed(reader, "c: \r\n\r\n");
+    ASSERT_EQ(message_reader_next(reader, what), read_result::complete);
+    ASSERT_EQ(message_reader_next(reader, what), read_result::need_more);
+    EXPECT_LE(message_reader_octets(reader), 4096u);
+}
+
+TEST(MessageReader, WhatAClientTellsOfItselfIsKeptInPart)
+{
+    const std::string long1(100000, 'f'), long2(100000, 's');
+    message_reader reader;
+    message_reader_feed(reader, wire::with(wire::with(wire::connect, "abc", long1), "Pid=4242", long2));
+    message what;
+    ASSERT_EQ(message_reader_next(reader, what), read_result::complete);
+    const auto &request = std::get<connect_request>(what);
+    EXPECT_EQ(request.formFactor, long1.substr(0, longestSelfDescription));
+    EXPECT_EQ(request.selfId, long2.substr(0, longestSelfDescription));
+    EXPECT_LE(request.formFactor.capacity(), 2 * longestSelfDescription);
 }
 
 TEST(MessageReader, ALargeEventLeavesNoLargeBuffer)
