@@ -139,6 +139,8 @@ static void answer_requests(admin_connection &c)
         return;
     if (c.input.find('\n') != std::string::npos)
         uv_read_stop(stream);
+    else if (c.ended)
+        c.leaving = true;
     else if (c.input.size() > requestLength)
         refuse_long_request(c);
     else
@@ -148,11 +150,14 @@ static void answer_requests(admin_connection &c)
 static void on_input(uv_stream_t *stream, ssize_t count, const uv_buf_t *buffer)
 {
     auto &c = *static_cast<admin_connection *>(stream->data);
-    if (count < 0)
+    if (count < 0 && (count != UV_EOF || follows(c)))
         return end(c);
     if (c.closing || c.leaving)
         return;
-    c.input.append(buffer->base, static_cast<size_t>(count));
+    if (count < 0)
+        c.ended = true;
+    else
+        c.input.append(buffer->base, static_cast<size_t>(count));
     answer_requests(c);
     flush(c);
 }

@@ -28,6 +28,7 @@ struct admin_connection {
     uint64_t lost = 0;   /* lines left out since the last that was taken */
     bool monitors = false;
     connection_id traced = 0; /* 0: none */
+    bool ended = false;       /* it sends nothing more, but may still read */
     bool leaving = false;     /* is closed when everything is written */
     bool closing = false;
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,6 +53,7 @@ static daemon_report report_daemon(const void *context)
     report.unindexed = s.routing.index.remainder;
     report.notices = s.routing.members.notices;
     report.logSuppressed = log_suppressed();
+    report.logLost = log_lost();
     report.server = s.counters;
     report.engine = s.routing.counters;
     return report;
@@ -134,14 +136,31 @@ static void on_followers_changed(server &s)
 
 /* ---- Opening ---- */
 
+/* Somebody else may have been there first: a directory, link or file of the name that is not ours alone. */
+static bool make_private_directory(const std::string &path, std::string &why)
+{
+    struct stat found {
+    };
+    if ((mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) || lstat(path.c_str(), &found) != 0) {
+        why = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (S_ISDIR(found.st_mode) && found.st_uid == geteuid() && (found.st_mode & 0077) == 0)
+        return true;
+    why = path + " is no directory of this user alone";
+    return false;
+}
+
 /* In the first of the usual places that has room for it. Without one the clients are served all the same. */
 static void open_somewhere(server &s)
 {
     if (geteuid() == 0)
-        mkdir("/run/zebd", 0755);
+        mkdir(systemDirectory, 0755);
+    const std::string ours = private_directory();
     std::string why;
     for (const std::string &path : default_admin_paths(s.port))
-        if (admin_socket_open(s.admin, path, why))
+        if ((!path.starts_with(ours + "/") || make_private_directory(ours, why)) &&
+            admin_socket_open(s.admin, path, why))
             return;
     spdlog::warn("no administration socket: {}", why);
 }

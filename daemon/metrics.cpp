@@ -22,6 +22,11 @@ static uint64_t suppressed_lines(const daemon_report &report)
     return report.logSuppressed;
 }
 
+static uint64_t lost_lines(const daemon_report &report)
+{
+    return report.logLost;
+}
+
 static uint64_t membership_notices(const daemon_report &report)
 {
     return report.notices;
@@ -85,6 +90,8 @@ static constexpr counter_description counters[] = {
      of_server<&server_counters::adminRequests>},
     {"logSuppressed", "zebd_log_lines_suppressed_total", "", "Lines kept out of the log by its rate.",
      suppressed_lines},
+    {"logLost", "zebd_log_lines_lost_total", "", "Lines that standard error did not take at once.",
+     lost_lines},
 };
 
 std::span<const counter_description> counter_descriptions()

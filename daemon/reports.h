@@ -22,7 +22,7 @@ struct daemon_report {
     size_t memoryBytes = 0; /* resident */
     size_t unindexed = 0;   /* clauses of subscriptions that are tried for every event */
     uint64_t notices = 0;   /* lists and changes of members sent */
-    uint64_t logSuppressed = 0;
+    uint64_t logSuppressed = 0, logLost = 0;
     server_counters server;
     engine_counters engine;
 };

@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -43,11 +45,47 @@ static int dial_path(const std::string &path)
     return -1;
 }
 
-bool admin_try(const std::string &path, admin_connection &admin)
+/* The system's directory is root's to give, and what is in it is of the user whom it was given to. */
+static bool is_trusted(uid_t user, const std::string &path)
+{
+    struct stat directory {
+    };
+    if (user == geteuid() || user == 0)
+        return true;
+    return path.starts_with(zebd::systemDirectory + std::string("/")) &&
+           stat(zebd::systemDirectory, &directory) == 0 && directory.st_uid == user;
+}
+
+/* The owner of the file, or else the one who listens, when that is somebody who must not. */
+static std::optional<uid_t> stranger_at(const admin_connection &admin)
+{
+    struct stat file {
+    };
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (lstat(admin.path.c_str(), &file) != 0 ||
+        getsockopt(admin.fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return static_cast<uid_t>(-1);
+    for (const uid_t user : {file.st_uid, peer.uid})
+        if (!is_trusted(user, admin.path))
+            return user;
+    return {};
+}
+
+bool admin_try(const common_options &common, const std::string &path, admin_connection &admin)
 {
     admin.path = path;
     admin.fd = dial_path(path);
-    return admin.fd >= 0;
+    if (admin.fd < 0) {
+        admin.why = std::strerror(errno);
+        return false;
+    }
+    const std::optional<uid_t> stranger = common.admin.empty() ? stranger_at(admin) : std::nullopt;
+    if (!stranger)
+        return true;
+    admin.why = "belongs to user " + std::to_string(*stranger) + ", who is neither you nor root";
+    admin.usurped = true;
+    return false;
 }
 
 exit_code admin_open(const common_options &common, admin_connection &admin)
@@ -57,9 +95,9 @@ exit_code admin_open(const common_options &common, admin_connection &admin)
         return exit_usage;
     std::string tried;
     for (const std::string &path : admin_paths(common, port)) {
-        if (admin_try(path, admin))
+        if (admin_try(common, path, admin))
             return exit_done;
-        tried += (tried.empty() ? "" : ", ") + path + ": " + std::strerror(errno);
+        tried += (tried.empty() ? "" : ", ") + path + ": " + admin.why;
     }
     return fail(exit_no_daemon, "no administration socket (" + tried + ")");
 }

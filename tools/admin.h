@@ -13,6 +13,8 @@ namespace tool
 struct admin_connection {
     int fd = -1;
     std::string path, pending;
+    std::string why;      /* why it could not be opened */
+    bool usurped = false; /* because it is somebody else's */
 
     admin_connection() = default;
     admin_connection(const admin_connection &) = delete;
@@ -23,8 +25,9 @@ struct admin_connection {
 /* Where the socket of the daemon on PORT can be: --admin, else the places that a daemon chooses from. */
 std::vector<std::string> admin_paths(const common_options &common, uint16_t port);
 
-/* Opens the socket at PATH. False with errno set. */
-bool admin_try(const std::string &path, admin_connection &admin);
+/* Opens the socket at PATH. Unless PATH was given by --admin, neither its owner nor who answers there may be
+ * just anybody: some places are open to all. False with the reason in ADMIN. */
+bool admin_try(const common_options &common, const std::string &path, admin_connection &admin);
 
 /* All below return exit_done, or the code to end with after a line was said. */
 

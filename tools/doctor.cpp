@@ -7,7 +7,6 @@
 #include "text.h"
 #include "verbs.h"
 
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -179,9 +178,19 @@ static void examine_daemon(examination &e)
 
 /* ---- Administration ---- */
 
-static void examine_administration(examination &e)
+static void examine_mode(examination &e, const std::string &path, mode_t found)
 {
     static constexpr mode_t ownerOnly = 0600;
+    char mode[8] = "";
+    std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(found & 07777));
+    if ((found & 0777) != ownerOnly)
+        e.wrong("administration", path + " has mode " + mode, "chmod 600 " + path);
+    else
+        e.ok("administration", path + ", mode " + mode);
+}
+
+static void examine_administration(examination &e)
+{
     std::string tried;
     for (const std::string &path : admin_paths(e.common, e.port)) {
         struct stat there {
@@ -189,16 +198,13 @@ static void examine_administration(examination &e)
         tried += (tried.empty() ? "" : ", ") + path;
         if (stat(path.c_str(), &there) != 0)
             continue;
-        char mode[8] = "";
-        std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(there.st_mode & 07777));
         admin_connection admin;
-        if (!admin_try(path, admin))
-            e.note("administration", path + ": " + std::strerror(errno),
-                   "use it as the user of the daemon, or as root");
-        else if ((there.st_mode & 0777) != ownerOnly)
-            e.wrong("administration", path + " has mode " + mode, "chmod 600 " + path);
+        if (admin_try(e.common, path, admin))
+            examine_mode(e, path, there.st_mode);
+        else if (admin.usurped)
+            e.wrong("administration", path + " " + admin.why, "remove it and start zebd again");
         else
-            e.ok("administration", path + ", mode " + mode);
+            e.note("administration", path + ": " + admin.why, "use it as the user of the daemon, or as root");
         return;
     }
     e.note("administration", "no socket at " + tried,

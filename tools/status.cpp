@@ -66,7 +66,7 @@ static json own_words(const common_options &common, uint16_t port)
     for (const std::string &path : admin_paths(common, port)) {
         admin_connection admin;
         json answer;
-        if (admin_try(path, admin) && admin_ask(admin, {{"ask", "status"}}, answer) == exit_done)
+        if (admin_try(common, path, admin) && admin_ask(admin, {{"ask", "status"}}, answer) == exit_done)
             return answer["status"];
     }
     if (common.verbose)

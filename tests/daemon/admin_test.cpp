@@ -330,6 +330,21 @@ TEST_F(AdminSocket, RefusesAnotherUser)
     EXPECT_EQ(admin.ask("status")["ok"], true);
 }
 
+/* The answers are more than the socket holds at once. */
+TEST_F(AdminSocket, AnswersWhoeverHasSaidEverything)
+{
+    serve();
+    constexpr int requests = 150;
+    std::string questions;
+    for (int i = 0; i < requests; i++)
+        questions += "{\"ask\":\"metrics\"}\n";
+    ASSERT_TRUE(admin.say(questions));
+    ASSERT_EQ(shutdown(admin.fd, SHUT_WR), 0);
+    for (int i = 0; i < requests; i++)
+        ASSERT_EQ(admin.hear()["ok"], true) << i;
+    EXPECT_TRUE(admin.hear().is_null());
+}
+
 TEST_F(AdminSocket, RefusesALongRequest)
 {
     serve();
@@ -397,6 +412,62 @@ TEST_F(AdminSocket, StandsInTheUsualPlaceUnlessToldOtherwise)
     process::send_signal(daemon, SIGTERM);
     EXPECT_EQ(process::finish(daemon), 0);
     EXPECT_EQ(rmdir(directory.c_str()), 0); /* nothing is left in it */
+}
+
+/* Where everybody may write: a user whom nobody is, so that the directory is known to be the test's. */
+struct OpenPlace : AdminSocket {
+    const std::string user = std::to_string(61000 + getpid() % 1000);
+    const std::string directory = "/tmp/zebd-" + user;
+
+    void SetUp() override
+    {
+        if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0)
+            GTEST_SKIP() << "only root can become somebody else";
+        ASSERT_NE(access(directory.c_str(), F_OK), 0) << directory << " is there already";
+    }
+
+    ~OpenPlace() override
+    {
+        rmdir(directory.c_str());
+    }
+
+    void serve_as_user()
+    {
+        process::start(daemon,
+                       {"/usr/bin/setpriv", "--reuid", user, "--regid", user, "--clear-groups", ZEBD_PATH,
+                        "--port", "0", "--ready-fd", "3"},
+                       {{"XDG_RUNTIME_DIR", ""}}, true);
+        daemon.port = process::ready_port(daemon);
+        ASSERT_NE(daemon.port, 0) << daemon.errText;
+        path = directory + "/admin-" + std::to_string(daemon.port) + ".sock";
+    }
+};
+
+TEST_F(OpenPlace, HoldsADirectoryOfTheUserAlone)
+{
+    serve_as_user();
+    struct stat found {
+    };
+    ASSERT_EQ(lstat(directory.c_str(), &found), 0) << daemon.errText;
+    EXPECT_EQ(found.st_mode, S_IFDIR | 0700u);
+    EXPECT_EQ(std::to_string(found.st_uid), user);
+    ASSERT_TRUE(admin.dial(path));
+    EXPECT_EQ(admin.ask("status")["status"]["pid"], daemon.pid);
+    process::send_signal(daemon, SIGTERM);
+    EXPECT_EQ(process::finish(daemon), 0);
+}
+
+TEST_F(OpenPlace, IsNotUsedWhenSomebodyElseMadeTheDirectory)
+{
+    ASSERT_EQ(mkdir(directory.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
+    serve_as_user();
+    EXPECT_TRUE(process::wait_for_err(daemon, "<4>no administration socket: " + directory +
+                                                  " is no directory of this user alone\n"))
+        << daemon.errText;
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    peer client;
+    EXPECT_TRUE(client.join(daemon.port));
 }
 
 /* An administrator that asks and asks and reads nothing: the daemon neither grows nor waits. */

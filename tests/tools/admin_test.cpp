@@ -2,7 +2,10 @@
 #include "tool.h"
 
 #include <csignal>
+#include <cstring>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
 namespace
 {
@@ -119,6 +122,73 @@ TEST_F(Administration, WithoutTheSocketTheReasonIsSaid)
     EXPECT_EQ(admin({"monitor", "--for", "0.2"}).code, 0);
     EXPECT_EQ(admin({"monitor", "--for", "0.2", "--count", "1"}).code, 5);
     EXPECT_EQ(admin({"monitor", "--timeout", "0.3"}).code, 4);
+}
+
+/* Somebody else who answers where a daemon's administration is looked for; ended with the record. */
+struct usurper {
+    pid_t pid = -1;
+
+    explicit usurper(const std::string &path)
+    {
+        int ready[2] = {-1, -1};
+        if (pipe(ready) != 0)
+            return;
+        pid = fork();
+        if (pid == 0)
+            answer_for_ever(path, ready[1]);
+        close(ready[1]);
+        char octet = 0;
+        if (read(ready[0], &octet, 1) != 1)
+            ADD_FAILURE() << "nobody could be put into " << path;
+        close(ready[0]);
+    }
+    ~usurper()
+    {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+
+    [[noreturn]] static void answer_for_ever(const std::string &path, int ready)
+    {
+        static constexpr char words[] = "{\"ok\":true,\"status\":{\"version\":\"false\"}}\n";
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0 ||
+            bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+            listen(fd, 8) != 0 || write(ready, "r", 1) != 1)
+            _exit(1);
+        for (;;) {
+            char request[4096];
+            const int asker = accept(fd, nullptr, nullptr);
+            if (read(asker, request, sizeof(request)) > 0)
+                send(asker, words, sizeof(words) - 1, MSG_NOSIGNAL);
+            close(asker);
+        }
+    }
+};
+
+TEST_F(Administration, SomebodyElseInTheDaemonsPlaceIsNotBelieved)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can become somebody else";
+    serve();
+    chmod(directory.c_str(), 0777);
+    env["XDG_RUNTIME_DIR"] = directory;
+    const std::string place = directory + "/zebd-" + std::to_string(daemon.port) + ".sock";
+    const usurper stranger(place);
+    EXPECT_EQ(zeb({"status", "--json"}).out.find("version"), std::string::npos);
+    const process::outcome monitor = zeb({"monitor", "--for", "0.2"});
+    EXPECT_EQ(monitor.code, 2);
+    EXPECT_NE(monitor.err.find(place + ": belongs to user 65534, who is neither you nor root"),
+              std::string::npos)
+        << monitor.err;
+    EXPECT_NE(zeb({"doctor"}).out.find("wrong administration: " + place + " belongs to user 65534"),
+              std::string::npos);
+    EXPECT_EQ(zeb({"status", "--json", "--admin", place}).code, 0); /* who names it has chosen it */
 }
 
 TEST_F(Administration, TheDoctorLooksAtTheSocketAndItsMode)
