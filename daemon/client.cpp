@@ -19,11 +19,14 @@ static client *client_of(void *data)
     return static_cast<client *>(data);
 }
 
+/* A client says it itself, and it stands in every line about that client. */
+static constexpr size_t longestPid = 10;
+
 std::string client_name(const client &c)
 {
     std::string name = "client " + std::to_string(c.talk.id) + " (" + c.address;
     if (!c.talk.pid.empty())
-        name += ", pid " + c.talk.pid;
+        name += ", pid " + c.talk.pid.substr(0, longestPid);
     return name + ")";
 }
 
@@ -91,12 +94,20 @@ static void mark_dirty(client &c)
     c.owner->dirty.push_back(&c);
 }
 
-/* What waits is forgotten at once; the client itself goes when routing is done. */
-static void condemn(client &c, const std::string &why)
+/* What waits is forgotten at once, and counted as dropped by the limit that acts; the client itself goes when
+ * routing is done. */
+static void condemn(client &c, uint64_t server_counters::*counter, const std::string &why)
 {
+    const uint64_t before = c.queue.dropped;
     c.doom = why;
-    send_queue_clear(c.queue);
+    send_queue_abandon(c.queue);
+    c.owner->counters.*counter += c.queue.dropped - before;
     mark_dirty(c);
+}
+
+static bool is_over(uint64_t since, double seconds, uint64_t now)
+{
+    return now - since > static_cast<uint64_t>(seconds * 1000);
 }
 
 static bool takes_items(const client &c)
@@ -104,10 +115,15 @@ static bool takes_items(const client &c)
     return !c.closing && !c.finished && c.doom.empty();
 }
 
+static size_t items_of(const send_queue &queue)
+{
+    return queue.waiting.size() + queue.writing.size();
+}
+
 static std::string waiting_text(const client &c, std::string_view which, int64_t limit)
 {
-    return std::to_string(c.queue.octets) + " octets are waiting for it, the " + std::string(which) + " is " +
-           std::to_string(limit);
+    return std::to_string(items_of(c.queue)) + " messages of " + std::to_string(c.queue.octets) +
+           " octets are waiting for it, the " + std::string(which) + " is " + std::to_string(limit);
 }
 
 static void note_drops(client &c, uint64_t droppedBefore, uint64_t server_counters::*counter,
@@ -129,6 +145,21 @@ static void watch_deadlines(server &s)
         uv_timer_start(&s.watchTimer, on_watch, watchMilliseconds, 0);
 }
 
+/* Notes what the socket has taken of the batch since the last look. */
+static void note_progress(client &c)
+{
+    const size_t left = uv_stream_get_write_queue_size(reinterpret_cast<const uv_stream_t *>(&c.tcp));
+    if (left != c.unwritten)
+        c.wroteAt = uv_now(&c.owner->loop);
+    c.unwritten = left;
+}
+
+/* Whether its socket has taken nothing for so long of what it was given. */
+static bool is_stuck(const client &c, double seconds)
+{
+    return c.unwritten > 0 && is_over(c.wroteAt, seconds, uv_now(&c.owner->loop));
+}
+
 static void compare_with_soft_limit(client &c)
 {
     const bool over = c.queue.octets > static_cast<size_t>(c.owner->config.queueSoft);
@@ -140,44 +171,91 @@ static void compare_with_soft_limit(client &c)
     }
 }
 
+/* Under the policies that drop, a batch that is itself above the limit is waited for as long as it gets on.
+ */
 static void act_on_soft_limit(client &c)
 {
-    const int64_t limit = c.owner->config.queueSoft;
+    const configuration &config = c.owner->config;
+    const auto limit = static_cast<size_t>(config.queueSoft);
     const uint64_t before = c.queue.dropped;
-    const bool trimmed = c.owner->policy != queue_policy::disconnect &&
-                         send_queue_trim(c.queue, c.owner->policy, static_cast<size_t>(limit));
+    const bool trimmed =
+        c.owner->policy != queue_policy::disconnect && send_queue_trim(c.queue, c.owner->policy, limit);
     note_drops(c, before, &server_counters::droppedSoft, "soft limit");
     c.overSoftSince = 0;
-    if (trimmed)
+    if (trimmed && !(c.queue.writingOctets > limit && is_stuck(c, config.queueSoftSeconds)))
         compare_with_soft_limit(c);
     else
-        condemn(c, waiting_text(c, "soft limit", limit));
+        condemn(c, &server_counters::droppedSoft, waiting_text(c, "soft limit", config.queueSoft));
 }
 
-static client *longest_queue(server &s)
+/* For a limit that has come down; putting keeps to it by itself. */
+static void act_on_hard_limit(client &c)
 {
-    client *longest = nullptr;
-    for (const auto &[id, c] : s.clients)
-        if (takes_items(*c) && !c->queue.waiting.empty() &&
-            (longest == nullptr || c->queue.octets > longest->queue.octets))
-            longest = c.get();
-    return longest;
+    const server &s = *c.owner;
+    const auto limit = static_cast<size_t>(s.config.queueHard);
+    if (c.queue.octets <= limit || items_of(c.queue) == 1)
+        return;
+    const uint64_t before = c.queue.dropped;
+    while (c.queue.octets > limit && send_queue_drop(c.queue, s.policy)) {
+    }
+    note_drops(c, before, &server_counters::droppedHard, "hard limit");
+    if (c.queue.octets > limit && !c.queue.waiting.empty())
+        condemn(c, &server_counters::droppedHard, waiting_text(c, "hard limit", s.config.queueHard));
 }
 
-/* Goes somewhat below the limit, so that looking for the longest queue is rare. */
+/* A client that has taken nothing for so long weighs this many times what is kept for it. */
+static constexpr double stuckSeconds = 1;
+static constexpr size_t stuckWeight = 4;
+
+/* An empty queue takes any item: the only one is no reason to end a client that reads, as long as all others
+ * are within the limit. So one item may come on top of it. */
+static bool is_spared(const client &c)
+{
+    const server &s = *c.owner;
+    return items_of(c.queue) == 1 &&
+           s.pool.octets <= static_cast<size_t>(s.config.queueTotal) + c.queue.octets;
+}
+
+/* The client that keeps most memory, what is being written for it included. Null when nobody has to pay. */
+static client *who_pays(server &s)
+{
+    client *payer = nullptr;
+    size_t most = 0;
+    for (const auto &[id, c] : s.clients) {
+        if (!takes_items(*c))
+            continue;
+        note_progress(*c);
+        const bool stuck = is_stuck(*c, stuckSeconds);
+        const size_t weight = c->queue.octets * (stuck ? stuckWeight : 1);
+        if (weight > most && (stuck || !is_spared(*c))) {
+            payer = c.get();
+            most = weight;
+        }
+    }
+    return payer;
+}
+
+/* Goes somewhat below the limit, so that looking for the one who pays is rare; so it is when nobody is found,
+ * until the pool has grown again. */
 static void act_on_total_limit(server &s)
 {
     const auto limit = static_cast<size_t>(s.config.queueTotal);
+    if (s.pool.octets <= limit || (s.sparedAt > 0 && s.pool.octets <= s.sparedAt + limit / 64))
+        return;
+    s.sparedAt = 0;
     while (s.pool.octets > limit - limit / 16) {
-        client *c = longest_queue(s);
-        if (c == nullptr)
+        client *c = who_pays(s);
+        if (c == nullptr) {
+            s.sparedAt = s.pool.octets;
             return;
+        }
         const uint64_t before = c->queue.dropped;
         while (s.pool.octets > limit - limit / 16 && send_queue_drop(c->queue, s.policy)) {
         }
         note_drops(*c, before, &server_counters::droppedTotal, "limit of all queues");
         if (c->queue.dropped == before)
-            condemn(*c, waiting_text(*c, "longest queue while the limit of all", s.config.queueTotal));
+            condemn(*c, &server_counters::droppedTotal,
+                    waiting_text(*c, "longest queue while the limit of all", s.config.queueTotal));
     }
 }
 
@@ -187,15 +265,14 @@ static bool enqueue(client &c, outgoing item)
     const uint64_t before = c.queue.dropped;
     const auto hard = static_cast<size_t>(s.config.queueHard);
     const put_result put = send_queue_put(c.queue, hard, s.policy, std::move(item));
+    note_drops(c, before, &server_counters::droppedHard, "hard limit");
     if (put == put_result::overflow) {
-        condemn(c, waiting_text(c, "hard limit", s.config.queueHard));
+        condemn(c, &server_counters::droppedHard, waiting_text(c, "hard limit", s.config.queueHard));
         return false;
     }
-    note_drops(c, before, &server_counters::droppedHard, "hard limit");
     mark_dirty(c);
     compare_with_soft_limit(c);
-    if (s.pool.octets > static_cast<size_t>(s.config.queueTotal))
-        act_on_total_limit(s);
+    act_on_total_limit(s);
     return put == put_result::taken && c.doom.empty();
 }
 
@@ -219,14 +296,10 @@ bool client_enqueue(void *context, connection_id to, outgoing item)
 
 /* ---- Deadlines ---- */
 
-static bool is_over(uint64_t since, double seconds, uint64_t now)
-{
-    return now - since > static_cast<uint64_t>(seconds * 1000);
-}
-
 /* Ends the client or lets its queue's policy act when it is time. Returns whether a deadline lies ahead. */
 static bool check_deadlines(client &c)
 {
+    note_progress(c);
     const configuration &config = c.owner->config;
     const uint64_t now = uv_now(&c.owner->loop);
     const bool connecting = !c.talk.reader.connected;
@@ -237,7 +310,7 @@ static bool check_deadlines(client &c)
         end_because(c, &server_counters::endedTime, "the rest of a message did not come in time");
     else if (c.overSoftSince != 0 && is_over(c.overSoftSince, config.queueSoftSeconds, now))
         act_on_soft_limit(c);
-    return !c.closing && (connecting || inMessage || c.overSoftSince != 0);
+    return !c.closing && (connecting || inMessage || c.overSoftSince != 0 || c.unwritten > 0);
 }
 
 static void on_watch(uv_timer_t *timer)
@@ -247,9 +320,24 @@ static void on_watch(uv_timer_t *timer)
     for (const auto &[id, c] : s.clients)
         if (!c->closing && check_deadlines(*c))
             ahead = true;
+    s.sparedAt = 0;
+    act_on_total_limit(s);
     clients_settle(s);
     if (ahead)
         watch_deadlines(s);
+}
+
+void clients_review(server &s)
+{
+    for (const auto &[id, c] : s.clients) {
+        if (!takes_items(*c))
+            continue;
+        act_on_hard_limit(*c);
+        compare_with_soft_limit(*c);
+    }
+    act_on_total_limit(s);
+    clients_settle(s);
+    watch_deadlines(s);
 }
 
 /* ---- Writing ---- */
@@ -258,6 +346,7 @@ static void on_written(uv_write_t *request, int status)
 {
     client &c = *client_of(request->data);
     send_queue_end_write(c.queue);
+    note_progress(c);
     compare_with_soft_limit(c);
     if (status < 0)
         end_for_socket(c, "writing", status);
@@ -317,8 +406,12 @@ void client_flush(client &c)
         uv_write(&c.write, stream, buffers.data(), static_cast<unsigned>(buffers.size()), on_written);
     if (status < 0) {
         send_queue_end_write(c.queue);
-        end_for_socket(c, "writing", status);
+        return end_for_socket(c, "writing", status);
     }
+    c.wroteAt = uv_now(&c.owner->loop);
+    note_progress(c);
+    if (c.unwritten > 0)
+        watch_deadlines(*c.owner);
 }
 
 void clients_settle(server &s)
@@ -384,7 +477,7 @@ static client *largest_incoming(server &s)
 static void count_incoming(client &c)
 {
     server &s = *c.owner;
-    const size_t kept = c.talk.reader.in.capacity();
+    const size_t kept = message_reader_octets(c.talk.reader);
     s.incoming += kept - c.incoming;
     c.incoming = kept;
     if (s.incoming > static_cast<size_t>(s.config.unfinished))

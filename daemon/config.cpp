@@ -55,12 +55,14 @@ static constexpr config_key keys[] = {
     {"limits.all_subscribers", &configuration::allSubscribers, mebibyte, 1024 * mebibyte, "", true,
      "octets kept for all subscribers: addresses, subscriptions, interests, open streams"},
 
-    {"language.octets", &configuration::languageOctets, 0, 256 * mebibyte, "", true,
+    {"language.octets", &configuration::languageOctets, 0, 65536, "", true,
      "octets of a subscription or a membership interest"},
-    {"language.nesting", &configuration::languageNesting, 1, 1000, "", true,
+    {"language.nesting", &configuration::languageNesting, 1, 64, "", true,
      "parentheses and negations open at one place"},
-    {"language.predicates", &configuration::languagePredicates, 1, 1e7, "", true,
+    {"language.predicates", &configuration::languagePredicates, 1, 8192, "", true,
      "predicates of a subscription or a membership interest"},
+    {"language.clauses", &configuration::languageClauses, 1, 4096, "", true,
+     "alternatives that one is taken apart into for the index; one with more is tried whole"},
 
     {"queue.policy", &configuration::queuePolicy, 0, 0, "disconnect drop-oldest drop-newest", true,
      "what happens to a client that does not read fast enough"},

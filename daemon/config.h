@@ -42,6 +42,7 @@ struct configuration {
     int64_t languageOctets = 65536;
     int64_t languageNesting = 64;
     int64_t languagePredicates = 8192;
+    int64_t languageClauses = 4096;
 
     std::string queuePolicy = "disconnect";
     int64_t queueSoft = 32 * 1024 * 1024;

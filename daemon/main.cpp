@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
@@ -45,11 +46,18 @@ static std::string host_name()
     return name;
 }
 
-static uint64_t start_time()
+/* The time alone could come again: on a clock that was set back, or at two starts in one millisecond. */
+static uint64_t new_incarnation()
 {
+    static constexpr uint64_t chances = 1024;
     timespec now{};
+    uint64_t chance = 0;
     clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    if (getrandom(&chance, sizeof(chance), GRND_NONBLOCK) != sizeof(chance))
+        chance = static_cast<uint64_t>(now.tv_nsec);
+    const uint64_t milliseconds =
+        static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    return milliseconds * chances + chance % chances;
 }
 
 /* ---- Configuration ---- */
@@ -189,7 +197,7 @@ static bool complete(const arguments &args, server_options &server)
     server.readyFd = args.readyFd;
     server.identity.version = ZEB_VERSION;
     server.identity.node = host_name();
-    server.identity.incarnation = start_time();
+    server.identity.incarnation = new_incarnation();
     server.identity.instance = server.config.instance.empty() ? server.identity.node : server.config.instance;
     return true;
 }

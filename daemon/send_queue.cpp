@@ -138,7 +138,7 @@ void send_queue_end_write(send_queue &queue)
     queue.writingOctets = 0;
 }
 
-void send_queue_clear(send_queue &queue)
+static void forget_waiting(send_queue &queue)
 {
     for (const queued_item &entry : queue.waiting)
         count_out(queue, entry);
@@ -146,10 +146,22 @@ void send_queue_clear(send_queue &queue)
     queue.droppable.clear();
 }
 
+/* The records of the batch stay where they are in memory: short texts stand inside them. */
+void send_queue_abandon(send_queue &queue)
+{
+    for (const queued_item &entry : queue.waiting)
+        queue.dropped += entry.item.shared != nullptr ? 1 : 0;
+    forget_waiting(queue);
+    for (const queued_item &entry : queue.writing)
+        count_out(queue, entry);
+    queue.abandoned.swap(queue.writing);
+    send_queue_end_write(queue);
+}
+
 send_queue::~send_queue()
 {
     send_queue_end_write(*this);
-    send_queue_clear(*this);
+    forget_waiting(*this);
 }
 
 } // namespace zebd

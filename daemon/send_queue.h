@@ -42,6 +42,7 @@ struct send_queue {
     std::list<queued_item> waiting;
     std::deque<std::list<queued_item>::iterator> droppable; /* those of `waiting`, oldest first */
     std::vector<queued_item> writing;                       /* taken by the writer, no longer droppable */
+    std::vector<queued_item> abandoned;                     /* a batch that the writer may still point to */
     size_t octets = 0;                                      /* of both */
     size_t writingOctets = 0;
     uint64_t dropped = 0; /* items, ever */
@@ -74,7 +75,8 @@ bool send_queue_begin_write(send_queue &queue);
 /* Forgets the batch. */
 void send_queue_end_write(send_queue &queue);
 
-/* Forgets what waits; the batch stays until its writer is done. */
-void send_queue_clear(send_queue &queue);
+/* For a client that is about to be ended: what waits is forgotten, which is dropping its events, and the
+ * batch counts no more, since its memory is as good as free. */
+void send_queue_abandon(send_queue &queue);
 
 } // namespace zebd

@@ -22,11 +22,15 @@ static int64_t now_milliseconds()
 
 /* ---- Telling the service manager ---- */
 
-static void tell_manager(const server &s, const std::string &lines)
+static bool tell_manager(const server &s, const std::string &lines)
 {
-    if (!notify(s.manager, lines))
-        log_limited(log_kind::manager, spdlog::level::warn, "the service manager could not be told: {}",
-                    std::strerror(errno));
+    if (notify(s.manager, lines))
+        return true;
+    const int error = errno;
+    log_limited(log_kind::manager, spdlog::level::warn, "the service manager could not be told: {}",
+                std::strerror(error));
+    errno = error;
+    return false;
 }
 
 static std::string status_line(const server &s)
@@ -36,9 +40,10 @@ static std::string status_line(const server &s)
            "\n";
 }
 
-static void tell_ready(const server &s)
+/* It waits for this one, so it is told again when it had no room. */
+static void tell_ready(server &s)
 {
-    tell_manager(s, "READY=1\n" + status_line(s));
+    s.owesReady = !tell_manager(s, "READY=1\n" + status_line(s)) && (errno == EAGAIN || errno == ENOBUFS);
 }
 
 static void tell_reloading(const server &s)
@@ -51,16 +56,24 @@ static void tell_reloading(const server &s)
 
 static void on_life_due(uv_timer_t *timer)
 {
-    const server &s = *static_cast<server *>(timer->data);
-    tell_manager(s, "WATCHDOG=1\n" + status_line(s));
+    server &s = *static_cast<server *>(timer->data);
+    if (s.owesReady && !s.stopping)
+        tell_ready(s);
+    if (s.manager.watchdogMicroseconds > 0)
+        tell_manager(s, "WATCHDOG=1\n" + status_line(s));
+    else if (!s.owesReady)
+        uv_timer_stop(timer);
 }
 
-/* Twice as often as expected, so that one that is late does no harm. */
+/* Signs of life are given twice as often as expected, so that one that is late does no harm. */
 static void start_signs_of_life(server &s)
 {
+    static constexpr uint64_t againMilliseconds = 200;
     const uint64_t period = s.manager.watchdogMicroseconds / 2000;
     if (s.manager.watchdogMicroseconds > 0)
         uv_timer_start(&s.lifeTimer, on_life_due, 0, period > 0 ? period : 1);
+    else if (s.owesReady)
+        uv_timer_start(&s.lifeTimer, on_life_due, againMilliseconds, againMilliseconds);
 }
 
 /* ---- Stopping ---- */
@@ -77,7 +90,8 @@ static void end_all(server &s)
 {
     for (const auto &[id, c] : s.clients) {
         if (!c->closing && c->queue.octets > 0)
-            spdlog::warn("{} ended with {} octets unwritten", client_name(*c), c->queue.octets);
+            log_limited(log_kind::unwritten, spdlog::level::warn, "{} ended with {} octets unwritten",
+                        client_name(*c), c->queue.octets);
         client_end(*c);
     }
 }
@@ -135,6 +149,8 @@ static void apply_configuration(server &s, const configuration &config)
     limits.language.octets = static_cast<size_t>(config.languageOctets);
     limits.language.nesting = static_cast<size_t>(config.languageNesting);
     limits.language.predicates = static_cast<size_t>(config.languagePredicates);
+    s.routing.index.limits.clauses = s.routing.members.interests.limits.clauses =
+        static_cast<size_t>(config.languageClauses);
     log_set(config.logLevel, static_cast<uint32_t>(config.logLines));
     for (const auto &[id, c] : s.clients)
         client_apply_limits(*c);
@@ -172,6 +188,7 @@ static void reread_configuration(server &s)
     configuration next = s.config;
     const size_t changes = take_changes(wanted, next);
     apply_configuration(s, next);
+    clients_review(s);
     s.counters.configurationsRead++;
     spdlog::info("SIGHUP: configuration read, {} keys changed", changes);
 }
@@ -184,6 +201,8 @@ static void reload(server &s)
     tell_reloading(s);
     reread_configuration(s);
     tell_ready(s);
+    if (s.owesReady)
+        start_signs_of_life(s);
 }
 
 static void on_signal(uv_signal_t *handle, int number)
@@ -241,6 +260,7 @@ bool server_run(const server_options &options)
         return false;
     }
     s->startedAt = uv_now(&s->loop);
+    log_stop_waiting();
     start_handles(*s);
     if (!notifier_open(s->manager))
         spdlog::warn("NOTIFY_SOCKET names no socket: the service manager is told nothing");

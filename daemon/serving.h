@@ -37,9 +37,11 @@ struct client {
     std::string address;
     send_queue queue;
     size_t incoming = 0;        /* octets kept by its reader, as counted in server.incoming */
-    uint64_t acceptedAt = 0;    /* loop time, milliseconds, as are the next two */
+    uint64_t acceptedAt = 0;    /* loop time, milliseconds, as are the next ones */
     uint64_t heardAt = 0;       /* when something came from it */
     uint64_t overSoftSince = 0; /* 0: its queue is within the soft limit */
+    uint64_t wroteAt = 0;       /* when its socket was last seen to take something of the batch */
+    size_t unwritten = 0;       /* octets of the batch, as seen then */
     uint64_t eventsOut = 0, bytesIn = 0, bytesOut = 0;
     bool traced = false;   /* somebody wants to see what it sends and is sent */
     bool dirty = false;    /* in server.dirty */
@@ -63,8 +65,9 @@ struct server {
     uv_timer_t stopTimer{};
     uv_timer_t gatherTimer{}; /* runs while the engine gathers membership changes */
     uv_timer_t watchTimer{};  /* runs while some client has a deadline */
-    uv_timer_t lifeTimer{};   /* runs while the service manager expects signs of life */
+    uv_timer_t lifeTimer{};   /* runs while the service manager is to be told something */
     notifier manager;
+    bool owesReady = false; /* it had no room for being told that clients are served */
     admin_socket admin;
     uint64_t startedAt = 0; /* loop time */
     const server_options *options = nullptr;
@@ -72,6 +75,7 @@ struct server {
     queue_policy policy = queue_policy::disconnect;
     engine routing;
     queue_pool pool;
+    size_t sparedAt = 0; /* octets of the pool when it was above its limit and nobody had to pay; 0: not so */
     size_t incoming = 0; /* octets kept by all readers */
     server_counters counters;
     std::unordered_map<connection_id, std::unique_ptr<client>> clients;
@@ -121,6 +125,9 @@ void client_flush(client &c);
 
 /* Puts the limits of the configuration on a client. */
 void client_apply_limits(client &c);
+
+/* Lets limits and times act that are new to those who are connected. */
+void clients_review(server &s);
 
 /* The engine's outlet. */
 bool client_enqueue(void *context, connection_id to, outgoing item);

@@ -3,11 +3,13 @@
 #include "peer.h"
 #include "process.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <thread>
 
 using namespace zebd;
 
@@ -192,6 +194,13 @@ TEST_F(Zebd, CheckRefusesAFileThatIsNotThere)
     EXPECT_EQ(result.err, "<3>" + file + ": cannot be read: No such file or directory\n");
 }
 
+TEST_F(Zebd, ALineOfTheLogIsCutAtAPipesLength)
+{
+    const std::string err = zebd({"--check", std::string(6000, 'x')}).err;
+    EXPECT_EQ(err.size(), 4096u);
+    EXPECT_EQ(err.find('\n'), 4095u);
+}
+
 TEST_F(Zebd, DoesNotStartWithAnInvalidFile)
 {
     write_file("port = x\n");
@@ -249,6 +258,49 @@ TEST_F(Zebd, SighupAppliesWhatCanChangeAtOnceAlsoToThoseConnected)
     ASSERT_TRUE(client.say(wire::messageEvent));
     EXPECT_TRUE(client.hear_end());
     EXPECT_TRUE(process::wait_for_err(daemon, "5 is above the limit of 4\n"));
+}
+
+/* 30 MB wait for the client, within the limits of the beginning. */
+TEST_F(Zebd, SighupAppliesLimitsOfQueuesToThoseConnected)
+{
+    for (const auto &[keys, said] :
+         {std::pair("soft = 1000\nsoft_seconds = 0.2", "waiting for it, the soft limit is 1000\n"),
+          std::pair("hard = 1000", "waiting for it, the hard limit is 1000\n"),
+          std::pair("total = 1048576", "the longest queue while the limit of all is 1048576\n")}) {
+        process::zebd served;
+        write_file("");
+        process::start_zebd(served, {"--config", file});
+        peer lazy, from;
+        ASSERT_TRUE(lazy.join(served.port) && lazy.subscribe());
+        ASSERT_TRUE(from.join(served.port));
+        const std::string event = wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: 500000") +
+                                  std::string(500000, 'x');
+        for (int i = 0; i < 60; i++)
+            ASSERT_TRUE(from.say(event));
+        ASSERT_TRUE(
+            from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+        write_file("[queue]\n" + std::string(keys) + "\n");
+        process::send_signal(served, SIGHUP);
+        EXPECT_TRUE(process::wait_for_err(served, said)) << served.errText;
+        EXPECT_TRUE(lazy.hear_end());
+        EXPECT_TRUE(from.subscribe());
+    }
+}
+
+TEST_F(Zebd, SighupAppliesTheTimeOfAStallToThoseConnected)
+{
+    write_file("[limits]\nstall_seconds = 0\n");
+    process::start_zebd(daemon, {"--config", file});
+    peer client, other;
+    ASSERT_TRUE(client.join(daemon.port) && client.say(wire::messageEvent.substr(0, 100)));
+    ASSERT_TRUE(other.join(daemon.port) && other.subscribe());
+    std::this_thread::sleep_for(std::chrono::milliseconds(500)); /* now nothing else has a deadline */
+    write_file("[limits]\nstall_seconds = 0.2\n");
+    ASSERT_TRUE(reread());
+    EXPECT_TRUE(process::wait_for_err(daemon, "ended: the rest of a message did not come in time\n"))
+        << daemon.errText;
+    EXPECT_TRUE(client.hear_end());
+    EXPECT_TRUE(other.subscribe());
 }
 
 TEST_F(Zebd, SighupSaysWhatNeedsARestart)

@@ -1,5 +1,6 @@
 /* Clients that read too slowly, say too little or are too many: what zebd does about each, over the loopback.
  */
+#include "administrator.h"
 #include "peer.h"
 #include "process.h"
 #include "wire.h"
@@ -19,17 +20,29 @@ constexpr size_t bodySize = 50000;
 
 struct Limits : testing::Test {
     process::zebd daemon;
+    std::string socket = testing::TempDir() + "zebd-limits-" + std::to_string(getpid()) + ".sock";
     int published = 0;
+
+    ~Limits() override
+    {
+        unlink(socket.c_str());
+    }
 
     void serve(const process::arguments &settings)
     {
-        process::arguments options;
+        process::arguments options = {"--admin", socket};
         for (const std::string &setting : settings) {
             options.emplace_back("--set");
             options.push_back(setting);
         }
         process::start_zebd(daemon, options);
         ASSERT_NE(daemon.port, 0) << daemon.errText;
+    }
+
+    int64_t counter(const std::string &name) const
+    {
+        administrator admin;
+        return admin.dial(socket) ? admin.ask("counters")["counters"].value(name, int64_t{-1}) : -1;
     }
 
     bool logged(const std::string &text)
@@ -65,6 +78,31 @@ struct Limits : testing::Test {
     {
         return client.subscribe(
             wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null"));
+    }
+
+    /* One event of a type, with a body of that many octets. */
+    static bool publish_large(peer &from, const std::string &type, size_t octets)
+    {
+        const std::string event = wire::with(wire::bareEvent, "eventType: ", "eventType: " + type);
+        const std::string length = "Content-Length: " + std::to_string(octets);
+        return from.say(wire::with(event, "Content-Length: 0", length)) &&
+               from.say(std::string(octets, 'x')) && round_trip(from);
+    }
+
+    static bool watch(peer &client, const std::string &type)
+    {
+        return client.subscribe(wire::with(wire::subscribeEverything,
+                                           "Subscription: ", "Subscription: (\"@type=" + type + "\")"));
+    }
+
+    static bool hear_large(peer &client, size_t octets)
+    {
+        client.hear("\r\n\r\n");
+        while (client.got.size() < octets && client.more()) {
+        }
+        const bool whole = client.got.size() == octets;
+        client.got.clear();
+        return whole;
     }
 
     static int next_event(peer &client)
@@ -120,6 +158,9 @@ TEST_F(Limits, AClientAboveTheSoftLimitForLongIsEnded)
         << daemon.errText;
     EXPECT_TRUE(lazy.hear_end());
     EXPECT_TRUE(round_trip(from));
+    EXPECT_EQ(counter("endedQueue"), 1);
+    EXPECT_GT(counter("droppedSoft"), 0); /* all that waited */
+    EXPECT_EQ(counter("eventsOut") + counter("droppedSoft"), counter("eventsRouted"));
 }
 
 TEST_F(Limits, TheSoftLimitDropsAsWell)
@@ -131,6 +172,35 @@ TEST_F(Limits, TheSoftLimitDropsAsWell)
     ASSERT_TRUE(publish(from, moreThanSocketsHold));
     ASSERT_TRUE(process::wait_for_err(daemon, "events dropped by the soft limit\n")) << daemon.errText;
     EXPECT_EQ(next_event(lazy), 0);
+    EXPECT_FALSE(logged("ended"));
+    EXPECT_GT(counter("droppedSoft"), 0);
+    EXPECT_EQ(counter("endedQueue"), 0);
+}
+
+/* Its batch cannot be dropped, and it could hold the memory for ever. */
+TEST_F(Limits, AClientThatTakesNothingOfALargeEventIsEndedUnderAnyPolicy)
+{
+    serve({"queue.policy=drop-oldest", "queue.soft=1000000", "queue.soft_seconds=0.2"});
+    peer lazy, from;
+    ASSERT_TRUE(lazy.join(daemon.port) && watch(lazy, "/large"));
+    ASSERT_TRUE(from.join(daemon.port) && publish_large(from, "/large", 30000000));
+    EXPECT_TRUE(process::wait_for_err(daemon, "octets are waiting for it, the soft limit is 1000000\n"))
+        << daemon.errText;
+    EXPECT_TRUE(lazy.hear_end());
+}
+
+TEST_F(Limits, AClientThatIsSlowWithALargeEventIsNotEnded)
+{
+    serve({"queue.policy=drop-oldest", "queue.soft=1000000", "queue.soft_seconds=1"});
+    constexpr size_t size = 30000000;
+    peer slow, from;
+    ASSERT_TRUE(slow.join(daemon.port) && watch(slow, "/large"));
+    ASSERT_TRUE(from.join(daemon.port) && publish_large(from, "/large", size));
+    while (slow.got.size() < size / 2) {
+        ASSERT_TRUE(slow.more());
+        std::this_thread::sleep_for(std::chrono::milliseconds(10)); /* together more than the limit */
+    }
+    EXPECT_TRUE(hear_large(slow, size));
     EXPECT_FALSE(logged("ended"));
 }
 
@@ -149,6 +219,7 @@ TEST_F(Limits, DropOldestKeepsTheClientAndTheNewestEvents)
         ASSERT_GT(number, before);
     }
     EXPECT_LT(count, published);
+    EXPECT_EQ(counter("droppedHard"), published - count);
 }
 
 /* The answer to a subscribe message comes through whatever waits. */
@@ -188,6 +259,45 @@ TEST_F(Limits, TheLongestQueuePaysForAllTogether)
     EXPECT_TRUE(longest.hear_end());
     EXPECT_EQ(next_event(shorter), 0);
     EXPECT_EQ(next_event(shorter), 10);
+    EXPECT_EQ(counter("endedQueue"), 1);
+    EXPECT_GT(counter("droppedTotal"), 0);
+}
+
+struct LimitOfAll : Limits, testing::WithParamInterface<const char *> {
+};
+
+/* What is being written for a client counts too: two that read nothing keep most of what all may. */
+TEST_P(LimitOfAll, IsPaidByThoseThatReadNothing)
+{
+    constexpr size_t size = 5000000;
+    serve({"queue.total=40000000", std::string("queue.policy=") + GetParam()});
+    peer first, second, reader, from;
+    ASSERT_TRUE(first.join(daemon.port) && watch(first, "/first"));
+    ASSERT_TRUE(second.join(daemon.port) && watch(second, "/second"));
+    ASSERT_TRUE(reader.join(daemon.port) && watch(reader, "/read"));
+    ASSERT_TRUE(from.join(daemon.port) && publish_large(from, "/first", 18000000) &&
+                publish_large(from, "/second", 18000000));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(process::patience);
+    while (!logged("the longest queue while the limit of all is 40000000\n")) {
+        ASSERT_LT(std::chrono::steady_clock::now(), end) << daemon.errText;
+        ASSERT_TRUE(publish_large(from, "/read", size));
+        ASSERT_TRUE(hear_large(reader, size)) << daemon.errText;
+    }
+    EXPECT_TRUE(logged("<4>client 1 ") || logged("<4>client 2 ")) << daemon.errText;
+    EXPECT_EQ(counter("endedQueue"), 1);
+    EXPECT_TRUE(publish_large(from, "/read", size) && hear_large(reader, size));
+}
+INSTANTIATE_TEST_SUITE_P(Policies, LimitOfAll, testing::Values("disconnect", "drop-oldest", "drop-newest"));
+
+TEST_F(Limits, AnEventAboveTheLimitOfAllReachesWhoReads)
+{
+    constexpr size_t size = 12000000;
+    serve({"queue.total=10000000"});
+    peer reader, from;
+    ASSERT_TRUE(reader.join(daemon.port) && watch(reader, "/large"));
+    ASSERT_TRUE(from.join(daemon.port) && publish_large(from, "/large", size));
+    EXPECT_TRUE(hear_large(reader, size)) << daemon.errText;
+    EXPECT_EQ(counter("endedQueue"), 0);
 }
 
 int64_t status_kilobytes(pid_t pid, const std::string &name)
@@ -242,6 +352,7 @@ TEST_F(Limits, AClientThatDoesNotConnectIsEndedAfterAWhile)
     EXPECT_TRUE(half.hear_end());
     EXPECT_TRUE(process::wait_for_err(daemon, "ended: it did not complete its connect in time\n"));
     EXPECT_TRUE(round_trip(whole));
+    EXPECT_EQ(counter("endedTime"), 2);
 }
 
 TEST_F(Limits, AMessageThatIsNeverCompletedEndsItsClient)
@@ -285,16 +396,35 @@ TEST_F(Limits, TheLargestUnfinishedMessagePaysForAllTogether)
     EXPECT_TRUE(round_trip(other));
     process::poll_output(daemon);
     EXPECT_EQ(daemon.errText.find(" ended: "), daemon.errText.rfind(" ended: "));
+    EXPECT_EQ(counter("endedUnfinished"), 1);
+}
+
+/* A property takes far more memory than its line has octets. */
+TEST_F(Limits, UnfinishedSubscribesCountWithWhatTheyKeep)
+{
+    serve({"limits.unfinished=1048576"});
+    std::string half = wire::with(wire::subscribeEverything, "numberOfProperties: 0\r\n\r\n",
+                                  "numberOfProperties: 10000\r\n");
+    for (int i = 0; i < 9999; i++)
+        half += "a: \r\n";
+    peer first, second, other;
+    ASSERT_TRUE(first.join(daemon.port) && first.say(half));
+    ASSERT_TRUE(second.join(daemon.port) && second.say(half));
+    EXPECT_TRUE(process::wait_for_err(
+        daemon, "ended: its unfinished message is the largest while the limit of all is 1048576\n"))
+        << daemon.errText;
+    EXPECT_TRUE(other.join(daemon.port) && round_trip(other));
 }
 
 /* ---- Descriptors ---- */
 
 TEST_F(Limits, WithoutDescriptorsItServesWhomItHasAndRecovers)
 {
-    process::start(
-        daemon,
-        {"/bin/sh", "-c", "ulimit -n 30; exec \"$0\" --port 0 --ready-fd 3 --log-level debug", ZEBD_PATH}, {},
-        true);
+    process::start(daemon,
+                   {"/bin/sh", "-c",
+                    "ulimit -n 30; exec \"$0\" --port 0 --ready-fd 3 --log-level debug --admin \"$1\"",
+                    ZEBD_PATH, socket},
+                   {}, true);
     daemon.port = process::ready_port(daemon);
     ASSERT_NE(daemon.port, 0);
     peer served;
@@ -313,6 +443,7 @@ TEST_F(Limits, WithoutDescriptorsItServesWhomItHasAndRecovers)
     for (size_t at = 0; (at = daemon.errText.find("cannot accept", at)) != std::string::npos; at++)
         tries++;
     EXPECT_LT(tries, 10u);
+    EXPECT_GT(counter("acceptFailures"), 0);
 }
 
 /* ---- The log ---- */
@@ -326,6 +457,27 @@ TEST_F(Limits, AFloodOfOneKindOfLineIsHeldBackAndCounted)
         ASSERT_TRUE(client.hear_end());
     }
     EXPECT_TRUE(logged("<4>client "));
+    EXPECT_GT(counter("logSuppressed"), 0);
+}
+
+/* Standard error is a pipe that is full in the end: nobody waits for whoever should empty it. */
+TEST_F(Limits, AReaderOfTheLogThatStopsHoldsUpNobody)
+{
+    serve({});
+    int64_t lost = 0;
+    for (int i = 0; i < 3000 && lost == 0; i++) {
+        peer client;
+        ASSERT_TRUE(client.join(daemon.port)) << i;
+        if (i % 100 == 99)
+            lost = counter("logLost");
+    }
+    EXPECT_GT(lost, 0);
+    process::poll_output(daemon);
+    peer late;
+    ASSERT_TRUE(late.join(daemon.port));
+    EXPECT_TRUE(
+        process::wait_for_err(daemon, " lines are missing here: nobody took them from standard error\n"));
+    EXPECT_TRUE(process::wait_for_err(daemon, "connected\n"));
 }
 
 } // namespace

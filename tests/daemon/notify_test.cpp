@@ -3,6 +3,7 @@
 #include "process.h"
 #include "wire.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
@@ -37,6 +38,21 @@ struct manager {
             address.sun_path[0] = '\0';
         const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
         return bind(fd, reinterpret_cast<const sockaddr *>(&address), length) == 0;
+    }
+
+    /* Leaves no room for another datagram. */
+    static bool fill(const std::string &path)
+    {
+        const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        const auto *to = reinterpret_cast<const sockaddr *>(&address);
+        while (sendto(sender, "FULL=1\n", 7, MSG_NOSIGNAL, to, sizeof(address)) > 0) {
+        }
+        const bool full = errno == EAGAIN;
+        close(sender);
+        return full;
     }
 
     /* The next datagram; empty when the time is over. */
@@ -139,6 +155,18 @@ TEST_F(Notify, GivesNoSignsOfLifeThatAreMeantForAnotherProcess)
     process::send_signal(daemon, SIGTERM);
     EXPECT_TRUE(boss.hear_until("STOPPING=1\n"));
     EXPECT_EQ(boss.all.find("WATCHDOG"), std::string::npos) << boss.all;
+}
+
+/* It waits for that before anything that depends on zebd is started. */
+TEST_F(Notify, AManagerWithoutRoomIsToldAgainThatItIsReady)
+{
+    ASSERT_TRUE(boss.listen_at(path));
+    ASSERT_TRUE(manager::fill(path));
+    process::start_zebd(daemon, {}, {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", ""}});
+    ASSERT_TRUE(process::wait_for_err(
+        daemon, "<4>the service manager could not be told: Resource temporarily unavailable\n"))
+        << daemon.errText;
+    EXPECT_TRUE(boss.hear_until("READY=1\n"));
 }
 
 TEST_F(Notify, AManagerThatIsGoneDoesNotHinderService)

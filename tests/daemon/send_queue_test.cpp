@@ -192,11 +192,32 @@ TEST_F(Queue, NothingRemainsCountedHoweverItemsLeave)
     put_all("ghI");
     ASSERT_TRUE(send_queue_drop(queue, policy));
     send_queue_end_write(queue);
-    send_queue_clear(queue);
+    send_queue_abandon(queue);
     EXPECT_EQ(queue.octets, 0u);
     EXPECT_EQ(queue.writingOctets, 0u);
     EXPECT_EQ(pool.octets, 0u);
     EXPECT_FALSE(send_queue_begin_write(queue));
+}
+
+/* The writer may still point to the batch. */
+TEST_F(Queue, AnAbandonedQueueCountsNothingAndWhatWaitedAsDropped)
+{
+    const auto shared = event_of(1000);
+    for (int i = 0; i < 3; i++)
+        send_queue_put(queue, hard, policy, outgoing_event(shared, 1));
+    ASSERT_TRUE(send_queue_begin_write(queue));
+    const std::string_view handedOut = queue.writing[0].item.text;
+    for (int i = 0; i < 5; i++)
+        send_queue_put(queue, hard, policy, outgoing_event(event_of(1000), 2));
+    put('A');
+    send_queue_abandon(queue);
+    EXPECT_EQ(queue.dropped, 5u); /* the text is no event */
+    EXPECT_EQ(queue.octets, 0u);
+    EXPECT_EQ(queue.writingOctets, 0u);
+    EXPECT_EQ(pool.octets, 0u);
+    EXPECT_EQ(shared->queues, 0u);
+    EXPECT_EQ(handedOut, "1");
+    EXPECT_EQ(drain(queue), "");
 }
 
 TEST_F(Queue, AQueueThatGoesAwayGivesBackWhatThePoolCounted)

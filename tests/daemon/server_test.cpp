@@ -147,6 +147,21 @@ TEST_F(Server, EndsAClientThatBreaksTheProtocolAndNamesReasonAndClient)
     EXPECT_EQ(other.hear("\r\n"), "POST /event HTTP/1.1\r\n");
 }
 
+TEST_F(Server, ALongProcessNumberDoesNotFillTheLog)
+{
+    serve();
+    peer client;
+    ASSERT_TRUE(client.dial(daemon.port) &&
+                client.say(wire::with(wire::connect, "Pid=4242", "Pid=" + std::string(100000, '7'))));
+    client.hear("\r\n\r\n");
+    ASSERT_TRUE(client.say(wire::with(wire::bareEvent, "Content-Length: 0",
+                                      "Content-Length: " + std::string(100000, '0') + "99999999")));
+    EXPECT_TRUE(client.hear_end());
+    EXPECT_TRUE(process::wait_for_err(
+        daemon, ", pid 7777777777) ended: line 14: 99999999 is above the limit of 67108864\n"))
+        << log().substr(0, 2000);
+}
+
 TEST_F(Server, EndsAClientThatConnectsTwice)
 {
     serve();
