@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +14,9 @@ outcome in_child(const std::function<int()> &body, zebtest::milliseconds limit)
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
+        /* An exit of the library's own ends the process at once: its other threads still use what the program
+         * would take apart. */
+        on_exit([](int code, void *) { _exit(code); }, nullptr);
         const int code = body();
         fflush(nullptr);
         _exit(code);
