@@ -1,10 +1,13 @@
 #include "child.h"
 
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <sys/wait.h>
 #include <unistd.h>
+
+extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void *fd);
 
 namespace sweep
 {
@@ -14,6 +17,8 @@ outcome in_child(const std::function<int()> &body, zebtest::milliseconds limit)
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
+        if (__sanitizer_set_report_fd != nullptr) /* else a report would go to a file of its own */
+            __sanitizer_set_report_fd(reinterpret_cast<void *>(intptr_t{STDERR_FILENO}));
         /* An exit of the library's own ends the process at once: its other threads still use what the program
          * would take apart. */
         on_exit([](int code, void *) { _exit(code); }, nullptr);
