@@ -380,7 +380,8 @@ void membership_flush(membership &members, const member_context &context)
     concerns all = find_concerns(members, context);
     /* Beginning each time at another place, so that nobody is always among the postponed. */
     if (!all.empty())
-        std::ranges::rotate(all, all.begin() + static_cast<std::ptrdiff_t>(members.notices % all.size()));
+        std::rotate(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(members.notices % all.size()),
+                    all.end());
     members.asked = 0;
     for (auto &[entry, concern] : all) {
         telling t{members, context, *entry, std::move(concern.changes), {}, {}, {}};

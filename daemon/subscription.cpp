@@ -496,9 +496,12 @@ size_t subscription_octets(const subscription &sub)
 std::span<const property_view> properties_in_order(std::vector<property_view> &properties)
 {
     const auto key = [](const property_view &property) { return std::tie(property.name, property.value); };
-    std::ranges::sort(properties, {}, key);
-    const auto repeated = std::ranges::unique(properties, {}, key);
-    properties.erase(repeated.begin(), repeated.end());
+    std::sort(properties.begin(), properties.end(),
+              [key](const property_view &a, const property_view &b) { return key(a) < key(b); });
+    const auto end =
+        std::unique(properties.begin(), properties.end(),
+                    [key](const property_view &a, const property_view &b) { return key(a) == key(b); });
+    properties.erase(end, properties.end());
     return properties;
 }
 
@@ -536,6 +539,24 @@ static bool value_satisfies(const predicate &test, std::string_view value)
     }
 }
 
+struct by_name {
+    bool operator()(const property_view &property, std::string_view name) const
+    {
+        return property.name < name;
+    }
+    bool operator()(std::string_view name, const property_view &property) const
+    {
+        return name < property.name;
+    }
+};
+
+static std::span<const property_view> values_of(const subject &what, std::string_view name)
+{
+    const auto [first, end] =
+        std::equal_range(what.properties.begin(), what.properties.end(), name, by_name());
+    return {first, end};
+}
+
 static bool some_value_satisfies(const predicate &test, std::span<const property_view> values)
 {
     if (test.how == relation::equal || test.how == relation::not_equal)
@@ -553,7 +574,7 @@ bool predicate_holds(const predicate &test, const subject &what)
         const std::string_view value = what.fields[static_cast<size_t>(test.fixed)];
         return !value.empty() && value_satisfies(test, value) != negative;
     }
-    const auto values = std::ranges::equal_range(what.properties, test.name, {}, &property_view::name);
+    const std::span<const property_view> values = values_of(what, test.name);
     return !values.empty() && some_value_satisfies(test, values) != negative;
 }
 
