@@ -152,6 +152,16 @@ void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout)
     return element;
 }
 
+void ezeb_queue_await(ezeb_queue *queue)
+{
+    if (queue == nullptr || ezeb_flag_get(&queue->shuttingDown) != 0)
+        return;
+    const ezeb_locked hold(&queue->lock);
+    if (queue->head == nullptr && !refuses(queue))
+        wait_for_element_locked(queue, 0);
+    announce_emptied_locked(queue);
+}
+
 int32_t ezeb_queue_length(const ezeb_queue *queue)
 {
     return queue != nullptr ? ezeb_flag_get(&queue->length) : 0;

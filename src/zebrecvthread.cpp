@@ -581,12 +581,13 @@ static void read_messages(ezeb_runtime *rt, ezeb_sb *sb)
         ;
 }
 
-/* The order matters: the descriptor is shut down first, so that the send thread fails instead of writing on;
- * its number is given free last. */
+/* The order matters: the descriptor is shut down first, so that the send thread fails instead of writing on,
+ * and puts back what it could not write; its number is given free last. */
 static void lose(ezeb_runtime *rt, daemon_link *l)
 {
     ezeb_connection_cut(l->connection);
     ezeb_sendthread_invalidatesocket(rt);
+    ezeb_sendthread_settle(rt);
     drop_link(rt, l);
     if (!is_shutdown(rt))
         ezeb_handle_disconnect(rt);

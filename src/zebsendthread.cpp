@@ -35,6 +35,7 @@ static void free_item(void *element)
 
 int ezeb_sendthread_prepare(ezebsendctx *send)
 {
+    ezeb_mutex_init(&send->hand);
     ezeb_mutex_init(&send->sbmutex);
     ezeb_cond_init(&send->left);
     send->queue = ezeb_queue_create();
@@ -44,6 +45,7 @@ int ezeb_sendthread_prepare(ezebsendctx *send)
 void ezeb_sendthread_discard(ezebsendctx *send)
 {
     ezeb_queue_destroy(send->queue, free_item, 1);
+    ezeb_mutex_destroy(&send->hand);
     ezeb_mutex_destroy(&send->sbmutex);
     ezeb_cond_destroy(&send->left);
 }
@@ -118,6 +120,12 @@ void ezeb_sendthread_invalidatesocket(ezeb_runtime *rt)
     const ezeb_locked hold(&rt->send.sbmutex);
     if (rt->send.sb != nullptr)
         ezeb_sb_invalidate(rt->send.sb);
+}
+
+void ezeb_sendthread_settle(ezeb_runtime *rt)
+{
+    ezeb_mutex_lock(&rt->send.hand);
+    ezeb_mutex_unlock(&rt->send.hand);
 }
 
 /* ---- Shutdown ---- */
@@ -239,11 +247,8 @@ static bool try_write(ezeb_runtime *rt, const ezeb_senditem *item, send_progress
 /* Writes the next item, or puts it back in front. A queue that drains takes nothing back: then the item gets
  * one more try on the connection that stands by now, if one does, and is lost otherwise, like everything
  * queued from then on. */
-static void send_next(ezeb_runtime *rt, send_progress *progress)
+static void send_item(ezeb_runtime *rt, send_progress *progress, ezeb_queue_cell *cell)
 {
-    ezeb_queue_cell *cell = ezeb_queue_take(rt->send.queue, 1, 0);
-    if (cell == nullptr)
-        return;
     auto *item = static_cast<ezeb_senditem *>(cell->element);
     if (!try_write(rt, item, progress)) {
         if (ezeb_queue_putback(rt->send.queue, cell))
@@ -253,6 +258,22 @@ static void send_next(ezeb_runtime *rt, send_progress *progress)
     }
     ezeb_free(cell);
     free_item(item);
+}
+
+/* Waits for an item and sends it. A connection that was lost meanwhile is left without taking the item out of
+ * the queue, where the receive thread looks which requests are still to be sent. */
+static void send_next(ezeb_runtime *rt, send_progress *progress) EZEB_NO_ANALYSIS
+{
+    ezebsendctx *send = &rt->send;
+    ezeb_queue_await(send->queue);
+    const ezeb_locked hold(&send->hand);
+    if (!ezeb_connection_alive(send->connection)) {
+        leave_connection(send, progress, send->sb, send->connection, 0);
+        return;
+    }
+    ezeb_queue_cell *cell = ezeb_queue_take(send->queue, 0, 0);
+    if (cell != nullptr)
+        send_item(rt, progress, cell);
 }
 
 static void rendezvous(ezeb_runtime *rt)

@@ -2,6 +2,7 @@
  *
  * Lock order, outermost first. A lock may be taken while those above it are held, never the other way round:
  *
+ *   0. send.hand                    an item between queue and wire; what blocks may happen under it
  *   1. remote-call client lock      one per client
  *   2. ezebglobalmutex              start-up, shutdown, fork; then the runtime's forkmutex (fork interlock)
  *   3. runtime regmutex             the tables of subscribers and publishers; held while delivering

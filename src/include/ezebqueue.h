@@ -46,6 +46,9 @@ void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout);
 ezeb_queue_cell *ezeb_queue_take(ezeb_queue *queue, int32_t wait, int64_t timeout);
 int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell);
 
+/* Waits until there is an element, or none will come; takes nothing. */
+void ezeb_queue_await(ezeb_queue *queue);
+
 int32_t ezeb_queue_length(const ezeb_queue *queue); /* 0 for null */
 
 /* Refuses further elements; removers take what is there and wait no more. */

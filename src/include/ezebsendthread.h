@@ -18,8 +18,9 @@ struct ezebsendctx {
     int32_t shuttingdown; /* one-way flags, through ezeb_flag_get */
     int32_t stop;
 
-    ezeb_mutex sbmutex;                        /* guards what follows */
-    ezeb_cond left;                            /* finished was set */
+    ezeb_mutex hand;    /* held while an item is out of the queue and not yet settled */
+    ezeb_mutex sbmutex; /* guards what follows */
+    ezeb_cond left;     /* finished was set */
     int32_t finished EZEB_GUARDED_BY(sbmutex); /* the thread is past its last write */
     ezeb_sb *sb EZEB_GUARDED_BY(sbmutex);      /* the send thread's buffer; that thread alone changes it */
     ezeb_connection *connection EZEB_GUARDED_BY(sbmutex); /* referenced while sb is set */
@@ -43,6 +44,10 @@ void ezeb_sendthread_each_queued_subscriber(ezeb_runtime *rt, void (*mark)(ezeb_
 
 void ezeb_sendthread_dequeue_unsubscribes(ezeb_runtime *rt);
 void ezeb_sendthread_invalidatesocket(ezeb_runtime *rt);
+
+/* Returns when the item in the send thread's hand has been written or is back in the queue. To be called when
+ * the connection has been cut: then that is soon, and nothing is taken out for that connection any more. */
+void ezeb_sendthread_settle(ezeb_runtime *rt);
 
 /* Ends the thread, after it has sent everything when WAIT is set. The caller joins it. */
 void ezeb_sendthread_shutdown(ezeb_runtime *rt, int32_t wait);

@@ -8,6 +8,7 @@
 #include "fake_daemon.h"
 
 #include <gtest/gtest.h>
+#include <string>
 
 namespace
 {
@@ -18,6 +19,14 @@ bool isConnected()
 {
     const ezeb_runtime_ref runtime;
     return ezeb_recvthread_isConnected(runtime.get()) != 0;
+}
+
+int count_of(const std::string &text, const std::string &part)
+{
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        count++;
+    return count;
 }
 
 /* The send thread holds the first connection, which is lost, when the last publish comes. */
@@ -49,6 +58,35 @@ TEST(Sending, WhatIsPublishedRightBeforeAShutdownGoesOutOnTheRenewedConnection)
     configure(home.path(), daemon.port());
     for (int round = 0; round < 150 && !HasFailure(); round++)
         publishOnARenewedConnectionAndShutDown(home, daemon);
+}
+
+/* A subscriber is created at the moment of a loss. Its request may be queued, on its way, or in the hand of
+ * the send thread, which then holds a lost connection. */
+void subscribeAtALoss(const temporary_home &home, fake_daemon &daemon)
+{
+    ASSERT_EQ(zeb_init(), 0);
+    peer first = daemon.accept_connected(home.path());
+    background creation([] { return zeb_subscriber_create_async("/at-the-loss", "c", nullptr, nullptr); });
+    first.close();
+    peer second = daemon.accept_connected(home.path());
+    zeb_publisher *publisher = zeb_publisher_create("c");
+    ASSERT_NE(creation.get(), nullptr);
+    zeb_publisher_publish(publisher, zeb_notification_create("/mark", nullptr, 0));
+    std::string sent;
+    while (sent.find("eventType: /mark\r\n") == std::string::npos)
+        sent += second.read_head();
+    EXPECT_EQ(count_of(sent, "Subscription: /at-the-loss\r\n"), 1) << sent;
+    EXPECT_EQ(zeb_shutdown_nowait(), 0);
+}
+
+TEST(Sending, ARequestInHandAtALossIsSentOnce)
+{
+    const temporary_home home;
+    fake_daemon daemon;
+    clean_environment();
+    configure(home.path(), daemon.port());
+    for (int round = 0; round < 400 && !HasFailure(); round++)
+        subscribeAtALoss(home, daemon);
 }
 
 } // namespace
