@@ -3,6 +3,7 @@
 #include "output.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <csignal>
 #include <ctime>
@@ -33,14 +34,15 @@ void limit_run(double seconds)
     setitimer(ITIMER_REAL, &limit, nullptr);
 }
 
-static volatile std::sig_atomic_t stopping = 0;
+/* Set in a handler, which any thread of ours may run, and read on all of them. */
+static std::atomic<bool> stopping{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 static void (*toDo)() = nullptr;
 
 static void on_signal(int)
 {
-    if (stopping != 0)
+    if (stopping.exchange(true))
         quit(exit_partly, "stopped");
-    stopping = 1;
     if (toDo != nullptr)
         toDo();
 }
@@ -54,7 +56,7 @@ void watch_signals(void (*on_stop)())
 
 bool interrupted()
 {
-    return stopping != 0;
+    return stopping;
 }
 
 signals_held::signals_held()
