@@ -1,6 +1,7 @@
 #include "obliging_daemon.h"
 
 #include <algorithm>
+#include <future>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -28,7 +29,13 @@ obliging_daemon::obliging_daemon()
 {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, wake) != 0)
         throw std::runtime_error("no pair of sockets");
-    thread = std::thread([this] { run(); });
+    std::promise<void> begun; /* starting a thread may open a descriptor for a moment, under a sanitizer */
+    const std::future<void> started = begun.get_future();
+    thread = std::thread([this, promise = std::move(begun)]() mutable {
+        promise.set_value();
+        run();
+    });
+    started.wait();
 }
 
 obliging_daemon::~obliging_daemon()

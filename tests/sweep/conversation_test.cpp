@@ -378,7 +378,8 @@ int play(const scenario &s, const fault &f, bool fromStart)
         EXPECT_TRUE(publish_arrives(r.daemon, "/probe"));
         EXPECT_EQ(zeb_shutdown(), 0);
         EXPECT_TRUE(eventually([&] { return !r.daemon.is_connected(); }));
-        EXPECT_EQ(open_descriptors(), descriptors);
+        EXPECT_TRUE(eventually([&] { return open_descriptors() == descriptors; }, milliseconds{3000}))
+            << open_descriptors() << " descriptors instead of " << descriptors;
     }
     EXPECT_TRUE(eventually([&] { return blocks() == before; }, milliseconds{3000}))
         << blocks() - before << " blocks are not released";

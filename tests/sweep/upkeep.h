@@ -54,7 +54,9 @@ class upkeep
         EXPECT_TRUE(
             zebtest::eventually([&] { return blocks() == blocksBefore; }, zebtest::milliseconds{3000}))
             << blocks() - blocksBefore << " blocks are not released";
-        EXPECT_EQ(zebtest::open_descriptors(), descriptorsBefore);
+        EXPECT_TRUE(zebtest::eventually([&] { return zebtest::open_descriptors() == descriptorsBefore; },
+                                        zebtest::milliseconds{3000}))
+            << zebtest::open_descriptors() << " descriptors instead of " << descriptorsBefore;
     }
 
   private:
