@@ -468,10 +468,12 @@ static bool reconnect(ezeb_runtime *rt, const candidate *candidates, daemon_link
 }
 
 /* Queues what the daemon has to know again. Until there is memory for all of it the connection stays
- * unannounced: nobody would ever subscribe for a subscriber that was left out. */
+ * unannounced: nobody would ever subscribe for a subscriber that was left out. A send thread that is ending
+ * takes nothing more, which is no want of memory. */
 static void resubscribe(ezeb_runtime *rt)
 {
-    while (!ezeb_reregister_allsubscribers(rt) && !is_shutdown(rt))
+    while (!ezeb_reregister_allsubscribers(rt) && ezeb_flag_get(&rt->send.shuttingdown) == 0 &&
+           !is_shutdown(rt))
         sleep(FIRST_PAUSE);
 }
 

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -109,24 +108,15 @@ static bool write_line(const admin_connection &admin, const std::string &line)
     return send(admin.fd, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size());
 }
 
-/* Waits in short steps, since a signal or the end of our reader must be noticed meanwhile. */
+static exit_code closed(const admin_connection &admin)
+{
+    return fail(exit_no_daemon, "the daemon has closed " + admin.path);
+}
+
 static exit_code read_more(admin_connection &admin, double until)
 {
-    static constexpr int step = 100;
-    pollfd watched{admin.fd, POLLIN, 0};
-    for (;;) {
-        const double left = until - steady_clock();
-        if (left <= 0 || interrupted() || output_is_gone())
-            return exit_time_out;
-        if (poll(&watched, 1, left * 1000 < step ? static_cast<int>(left * 1000) + 1 : step) > 0)
-            break;
-    }
-    std::string buffer(65536, '\0');
-    const ssize_t count = recv(admin.fd, buffer.data(), buffer.size(), 0);
-    if (count <= 0)
-        return fail(exit_no_daemon, "the daemon has closed " + admin.path);
-    admin.pending.append(buffer, 0, static_cast<size_t>(count));
-    return exit_done;
+    const exit_code code = receive_more(admin.fd, until, admin.pending);
+    return code == exit_no_daemon ? closed(admin) : code;
 }
 
 exit_code admin_next(admin_connection &admin, double until, json &line)
@@ -147,7 +137,7 @@ exit_code admin_ask(admin_connection &admin, const json &question, json &answer)
 {
     static constexpr double patience = 10;
     if (!write_line(admin, line_of(question)))
-        return fail(exit_no_daemon, "the daemon has closed " + admin.path);
+        return closed(admin);
     const exit_code code = admin_next(admin, steady_clock() + patience, answer);
     if (code != exit_done)
         return code == exit_time_out ? fail(code, admin.path + " does not answer") : code;

@@ -1,11 +1,14 @@
 #include "host.h"
 
 #include "defaults.h"
+#include "stop.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zeb.h>
@@ -82,6 +85,26 @@ bool listens_v6(uint16_t port)
 bool something_listens(uint16_t port)
 {
     return listens_v4(port) || listens_v6(port);
+}
+
+/* In short steps, since a signal or the end of our reader must be noticed meanwhile. */
+exit_code receive_more(int fd, double until, std::string &pending)
+{
+    static constexpr int step = 100;
+    pollfd watched{fd, POLLIN, 0};
+    for (;;) {
+        const double left = until - steady_clock();
+        if (left <= 0 || interrupted() || output_is_gone())
+            return exit_time_out;
+        if (poll(&watched, 1, left * 1000 < step ? static_cast<int>(left * 1000) + 1 : step) > 0)
+            break;
+    }
+    std::string buffer(65536, '\0');
+    const ssize_t count = recv(fd, buffer.data(), buffer.size(), 0);
+    if (count <= 0)
+        return count < 0 && errno == EINTR ? exit_done : exit_no_daemon;
+    pending.append(buffer, 0, static_cast<size_t>(count));
+    return exit_done;
 }
 
 std::string setting(const char *name, const char *fallback)

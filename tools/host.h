@@ -32,6 +32,11 @@ bool something_listens(uint16_t port);
 /* A connection to PORT of a loopback address, or -1. */
 int dial(uint16_t port);
 
+/* Waits until UNTIL, on the steady clock, for more octets on a connection, and appends them to PENDING. The
+ * result is exit_time_out also when a signal or the end of our reader ends the wait, and exit_no_daemon at
+ * the end of the connection; nothing is said. */
+exit_code receive_more(int fd, double until, std::string &pending);
+
 /* The home directory that is told to the daemon: the library's settings, else the user's own. */
 std::string home_directory();
 

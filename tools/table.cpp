@@ -365,7 +365,8 @@ static verb block_decode_verb(block_options &o)
            "A body block to JSON",
            std::string(
                R"(Reads the octets of a body block from --file or standard input and prints it as one JSON
-object on one line. `zeb block encode` makes the same octets of it.
+object on one line. `zeb block encode` makes the same octets of it, unless the block has two
+segments or elements of one name side by side, which encode refuses.
 
 )") + blockForm,
            {},

@@ -8,7 +8,6 @@
 #include <charconv>
 #include <cstring>
 #include <memory>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zeb.h>
@@ -40,24 +39,10 @@ static exit_code write_all(const wire_connection &daemon, std::string_view text)
     return exit_done;
 }
 
-/* Waits in short steps, since a signal or the end of our reader must be noticed meanwhile. */
 static exit_code read_more(wire_connection &daemon, double until)
 {
-    static constexpr int step = 100;
-    pollfd watched{daemon.fd, POLLIN, 0};
-    for (;;) {
-        const double left = until - steady_clock();
-        if (left <= 0 || interrupted() || output_is_gone())
-            return exit_time_out;
-        if (poll(&watched, 1, left * 1000 < step ? static_cast<int>(left * 1000) + 1 : step) > 0)
-            break;
-    }
-    std::string buffer(65536, '\0');
-    const ssize_t count = recv(daemon.fd, buffer.data(), buffer.size(), 0);
-    if (count <= 0)
-        return count < 0 && errno == EINTR ? exit_done : gone();
-    daemon.pending.append(buffer, 0, static_cast<size_t>(count));
-    return exit_done;
+    const exit_code code = receive_more(daemon.fd, until, daemon.pending);
+    return code == exit_no_daemon ? gone() : code;
 }
 
 /* Takes the next COUNT octets. */

@@ -464,26 +464,58 @@ TEST_F(runtime_death, shutdown_in_an_exit_handler_of_the_fatal_exit_returns)
 
 /* ---- Descriptors ---- */
 
+/* Closes the standard descriptors until the end of the block; what fails meanwhile is reported after it. */
+struct without_standard_descriptors {
+    int saved[3];
+
+    without_standard_descriptors()
+    {
+        for (int fd = 0; fd < 3; fd++)
+            saved[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        for (int fd = 0; fd < 3; fd++)
+            close(fd);
+    }
+
+    ~without_standard_descriptors()
+    {
+        for (int fd = 0; fd < 3; fd++) {
+            dup2(saved[fd], fd);
+            close(saved[fd]);
+        }
+    }
+};
+
+/* The next connection to DAEMON, at a number above the standard descriptors. */
+peer accept_above_standard(fake_daemon &daemon, place where = {__builtin_FILE(), __builtin_LINE()})
+{
+    if (!daemon.is_called_within(stretched(patience)))
+        script_fails(where, "the library should have connected");
+    const int accepted = daemon.take_waiting();
+    peer p(fcntl(accepted, F_DUPFD_CLOEXEC, 3));
+    close(accepted);
+    return p;
+}
+
 TEST_F(runtime, standard_descriptors_that_are_closed_are_left_to_the_application)
 {
     home.write_formfactor("laptop");
-    int saved[3];
-    for (int fd = 0; fd < 3; fd++)
-        saved[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-    for (int fd = 0; fd < 3; fd++)
-        close(fd);
-    const int32_t started = zeb_init();
-    const bool called = daemon.is_called_within(stretched(patience));
-    for (int fd = 0; fd < 3; fd++) { /* nobody has taken their places */
-        EXPECT_EQ(fcntl(fd, F_GETFD), -1) << fd;
-        dup2(saved[fd], fd);
-        close(saved[fd]);
+    int32_t started;
+    bool taken[3];
+    int connection;
+    {
+        const without_standard_descriptors closed;
+        started = zeb_init();
+        peer p = accept_above_standard(daemon);
+        /* On its way here the library opens and closes a file; then it only waits for the answer. */
+        p.expect(handshake(home.path(), "laptop"));
+        for (int fd = 0; fd < 3; fd++)
+            taken[fd] = fcntl(fd, F_GETFD) != -1;
+        connection = p.other_end();
     }
-    ASSERT_EQ(started, 0);
-    ASSERT_TRUE(called);
-    peer p = daemon.accept();
-    p.expect(handshake(home.path(), "laptop"));
-    EXPECT_GE(p.other_end(), 3);
+    EXPECT_EQ(started, 0);
+    for (int fd = 0; fd < 3; fd++)
+        EXPECT_FALSE(taken[fd]) << fd;
+    EXPECT_GE(connection, 3);
 }
 
 } // namespace

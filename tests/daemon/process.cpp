@@ -37,12 +37,8 @@ static void make_pipe(int &readEnd, int &writeEnd)
     writeEnd = ends[1];
 }
 
-/* The child's side of start(): nothing but descriptors, environment and exec. */
-[[noreturn]] static void become(const arguments &command, const environment &env, const int (&descriptors)[4])
+void become(const arguments &command, const environment &env)
 {
-    for (int i = 0; i < 4; i++)
-        if (descriptors[i] >= 0)
-            dup2(descriptors[i], i);
     for (const auto &[name, value] : env) {
         if (value.empty())
             unsetenv(name.c_str());
@@ -55,6 +51,16 @@ static void make_pipe(int &readEnd, int &writeEnd)
     argv.push_back(nullptr);
     execv(argv[0], argv.data());
     _exit(127);
+}
+
+/* The child's side of start(). */
+[[noreturn]] static void become_with(const arguments &command, const environment &env,
+                                     const int (&descriptors)[4])
+{
+    for (int i = 0; i < 4; i++)
+        if (descriptors[i] >= 0)
+            dup2(descriptors[i], i);
+    become(command, env);
 }
 
 static void close_descriptor(int &fd)
@@ -81,7 +87,7 @@ void start(running &child, const arguments &command, const environment &env, boo
         }
     child.pid = fork();
     if (child.pid == 0)
-        become(command, env, theirs);
+        become_with(command, env, theirs);
     for (int &fd : theirs)
         close_descriptor(fd);
 }

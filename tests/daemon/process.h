@@ -38,6 +38,9 @@ struct running {
     std::string outText, errText;
 };
 
+/* For a forked child: turns into COMMAND, ENV set on top of the environment. */
+[[noreturn]] void become(const arguments &command, const environment &env);
+
 /* Starts it; a ready descriptor, when wanted, is number 3 in the child. */
 void start(running &child, const arguments &command, const environment &env = {}, bool withReady = false);
 

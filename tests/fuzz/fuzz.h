@@ -83,6 +83,26 @@ class cursor
     std::string_view rest;
 };
 
+/* ---- Pieces ---- */
+
+/* The first byte of an input is the seed for the pieces in which the rest of it comes. */
+template <typename Read>
+void read_in_pieces(std::string_view input, Read read)
+{
+    cursor rest(input);
+    const uint8_t seed = rest.byte();
+    read(rest.all(), seed + 1U);
+}
+
+/* What comes out must not depend on the pieces: seed 0 gives everything at once. */
+template <typename Outcome>
+void check_pieces(std::string_view input, Outcome outcome)
+{
+    read_in_pieces(input, [&](std::string_view bytes, uint32_t seed) {
+        FUZZ_CHECK(outcome(bytes, 0) == outcome(bytes, seed));
+    });
+}
+
 /* ---- Bytes for the library's reads ---- */
 
 /* A descriptor that is none: what the library reads from it comes from here, and what it writes to it is

@@ -32,16 +32,11 @@ std::string answer(std::string_view bytes, uint32_t seed)
 
 void fuzz_read(std::string_view input)
 {
-    fuzz::cursor rest(input);
-    const uint8_t seed = rest.byte();
-    answer(rest.all(), seed);
+    fuzz::read_in_pieces(input, answer);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fuzz::cursor input({reinterpret_cast<const char *>(data), size});
-    const uint8_t seed = input.byte();
-    const std::string_view bytes = input.all();
-    FUZZ_CHECK(answer(bytes, 0) == answer(bytes, seed + 1U));
+    fuzz::check_pieces({reinterpret_cast<const char *>(data), size}, answer);
     return 0;
 }

@@ -104,17 +104,12 @@ std::string received(std::string_view bytes, uint32_t seed)
 
 void fuzz_read(std::string_view input)
 {
-    fuzz::cursor rest(input);
-    const uint8_t seed = rest.byte();
     const world w;
-    read_all(w, rest.all(), seed);
+    fuzz::read_in_pieces(input, [&](std::string_view bytes, uint32_t seed) { read_all(w, bytes, seed); });
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fuzz::cursor input({reinterpret_cast<const char *>(data), size});
-    const uint8_t seed = input.byte();
-    const std::string_view bytes = input.all();
-    FUZZ_CHECK(received(bytes, 0) == received(bytes, seed + 1U));
+    fuzz::check_pieces({reinterpret_cast<const char *>(data), size}, received);
     return 0;
 }

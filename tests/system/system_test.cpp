@@ -161,29 +161,32 @@ TEST_F(System, ARemoteCallReportsErrors)
     EXPECT_EQ(caller.hear("error"), "error -3 RPCSERVER ERROR[rcv]: function not found");
 }
 
-TEST_F(System, AServerThatStopsInTheMiddleOfACallFailsIt)
+struct HangingCall : System {
+    /* CALLER has called SERVER, whose function does not come back. */
+    void callAndHang(actor &server, actor &caller) const
+    {
+        start(server);
+        start(caller);
+        server.tell({"serve", "calc"});
+        EXPECT_EQ(server.hear("serving"), "serving");
+        caller.tell({"call", "calc", "hang", "", "1"});
+        EXPECT_EQ(server.hear("hanging"), "hanging");
+    }
+};
+
+TEST_F(HangingCall, FailsWhenItsServerStops)
 {
     actor server, caller;
-    start(server);
-    start(caller);
-    server.tell({"serve", "calc"});
-    EXPECT_EQ(server.hear("serving"), "serving");
-    caller.tell({"call", "calc", "hang", "", "1"});
-    EXPECT_EQ(server.hear("hanging"), "hanging");
+    callAndHang(server, caller);
     server.tell({"stop", "calc"});
     EXPECT_EQ(caller.hear("error"), "error -2 -");
     EXPECT_EQ(caller.hear("call"), "call done");
 }
 
-TEST_F(System, AServerThatDiesInTheMiddleOfACallFailsIt)
+TEST_F(HangingCall, FailsWhenItsServerDies)
 {
     actor server, caller;
-    start(server);
-    start(caller);
-    server.tell({"serve", "calc"});
-    EXPECT_EQ(server.hear("serving"), "serving");
-    caller.tell({"call", "calc", "hang", "", "1"});
-    EXPECT_EQ(server.hear("hanging"), "hanging");
+    callAndHang(server, caller);
     process::send_signal(server, SIGKILL);
     EXPECT_EQ(caller.hear("error"), "error -2 -");
     EXPECT_EQ(caller.hear("call"), "call done");

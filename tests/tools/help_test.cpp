@@ -70,8 +70,6 @@ TEST_F(Tool, CompletionScriptsAreValidForTheirShells)
 {
     for (const std::string shell : {"bash", "zsh", "fish"}) {
         const std::string path = "/usr/bin/" + shell;
-        if (access(path.c_str(), X_OK) != 0)
-            continue; /* bash is always here */
         const std::string script = write_file(zeb({"completion", shell}).out, "completion." + shell);
         const process::outcome checked = process::run({path, "-n", script});
         EXPECT_EQ(checked.code, 0) << shell << checked.err;

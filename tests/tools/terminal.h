@@ -41,7 +41,7 @@ struct terminal {
         size.ws_col = columns;
         pid = forkpty(&fd, nullptr, nullptr, &size);
         if (pid == 0)
-            become(command, env);
+            process::become(command, env);
     }
 
     /* Collects what is written until TEXT has been seen. */
@@ -124,21 +124,5 @@ struct terminal {
         if (count > 0)
             seen.append(buffer, static_cast<size_t>(count));
         return count > 0;
-    }
-
-    [[noreturn]] static void become(const process::arguments &command, const process::environment &env)
-    {
-        for (const auto &[name, value] : env) {
-            if (value.empty())
-                unsetenv(name.c_str());
-            else
-                setenv(name.c_str(), value.c_str(), 1);
-        }
-        std::vector<char *> argv;
-        for (const std::string &argument : command)
-            argv.push_back(const_cast<char *>(argument.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
     }
 };

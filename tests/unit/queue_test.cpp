@@ -1,5 +1,6 @@
 /* The thread-safe queue. Elements are numbers in disguise: the queue never looks at them. */
 #include "ezebqueue.h"
+#include "ezebutil.h"
 
 #include "unit.h"
 
@@ -409,6 +410,75 @@ TEST_F(Queue, DequeueWith2000MillisecondsWaitsOneToTwoSeconds)
     EXPECT_EQ(ezeb_queue_dequeue(queue, 1, 2000), nullptr);
     EXPECT_GT(unit::secondsSince(start), 0.99);
     EXPECT_LT(unit::secondsSince(start), 2.4);
+}
+
+TEST_F(Queue, AwaitingTakesNothing)
+{
+    fill(2);
+    ezeb_queue_await(queue);
+    EXPECT_EQ(contents(), (std::vector<uintptr_t>{1, 2}));
+    ezeb_queue_await(nullptr);
+}
+
+TEST_F(Queue, AwaitingEndsWithAnElementADrainOrAShutdown)
+{
+    std::thread waiter([&] { ezeb_queue_await(queue); });
+    awaitRemovers(1);
+    fill(1);
+    waiter.join();
+    EXPECT_EQ(take(), 1U);
+    waiter = std::thread([&] { ezeb_queue_await(queue); });
+    awaitRemovers(1);
+    EXPECT_EQ(ezeb_queue_drain(queue), 1);
+    waiter.join();
+    ezeb_queue_await(queue); /* nothing can come any more */
+    EXPECT_EQ(ezeb_queue_start_shutdown(queue), 1);
+    ezeb_queue_await(queue);
+}
+
+TEST_F(Queue, AShutdownWaitsUntilThoseThatAwaitHaveLeft)
+{
+    std::thread waiter([&] { ezeb_queue_await(queue); });
+    awaitRemovers(1);
+    EXPECT_EQ(ezeb_queue_start_shutdown(queue), 1);
+    {
+        const ezeb_locked hold(&queue->lock);
+        EXPECT_EQ(queue->removers, 0);
+    }
+    waiter.join();
+}
+
+TEST_F(Queue, ACellThatIsPutBackIsFirstAgainAndNeedsNoMemory)
+{
+    fill(3);
+    ezeb_queue_cell *cell = ezeb_queue_take(queue, 0, 0);
+    ASSERT_NE(cell, nullptr);
+    EXPECT_EQ(contents(), (std::vector<uintptr_t>{2, 3}));
+    unit::refusal none(1, true);
+    none.begin();
+    EXPECT_EQ(ezeb_queue_putback(queue, cell), 1);
+    none.end();
+    EXPECT_FALSE(none.happened());
+    EXPECT_EQ(contents(), (std::vector<uintptr_t>{1, 2, 3}));
+}
+
+TEST_F(Queue, ACellIsNotPutBackIntoAQueueThatIsShutDown)
+{
+    fill(1);
+    ezeb_queue_cell *cell = ezeb_queue_take(queue, 0, 0);
+    ASSERT_NE(cell, nullptr);
+    EXPECT_EQ(ezeb_queue_start_shutdown(queue), 1);
+    EXPECT_EQ(ezeb_queue_putback(queue, cell), 0);
+    ezeb_free(cell);
+}
+
+TEST_F(Queue, AFinishedQueueGivesWhatItHasAndRefusesMore)
+{
+    fill(1);
+    ezeb_queue_finish(queue);
+    EXPECT_EQ(ezeb_queue_enqueue(queue, element(2)), 0);
+    EXPECT_EQ(numberOf(ezeb_queue_dequeue(queue, 1, 0)), 1U);
+    EXPECT_EQ(ezeb_queue_dequeue(queue, 1, 0), nullptr);
 }
 
 TEST_F(Queue, ALimitedWaitIsOneSingleWait)
