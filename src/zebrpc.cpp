@@ -97,7 +97,7 @@ int32_t ezeb_rpcserver_addfunc(zeb_rpcserver *server, const char *name, zeb_rpcs
         return -1;
     server->functions[server->count] = {copy, function};
     /* A call-back of the launch before may still be looking: it sees the entry whole, or not. */
-    __atomic_store_n(&server->count, server->count + 1, __ATOMIC_RELEASE);
+    ezeb_flag_release(&server->count, server->count + 1);
     return 0;
 }
 
@@ -169,7 +169,7 @@ void ezeb_rpcserver_destroy(zeb_rpcserver **server)
 
 static zeb_rpcserver_function find_function(const zeb_rpcserver *server, const char *name)
 {
-    const int32_t count = __atomic_load_n(&server->count, __ATOMIC_ACQUIRE);
+    const int32_t count = ezeb_flag_acquire(&server->count);
     for (int32_t i = 0; i < count; i++) {
         if (strcmp(server->functions[i].name, name) == 0)
             return server->functions[i].function;

@@ -334,7 +334,7 @@ static void leave_lists_locked(zeb_subscriber *sub) EZEB_REQUIRES(sub->lock);
 
 void ezeb_subscriber_closenodereg(zeb_subscriber *sub)
 {
-    if (sub == nullptr || __atomic_exchange_n(&sub->closing, 1, __ATOMIC_ACQ_REL) != 0)
+    if (sub == nullptr || !ezeb_flag_raise(&sub->closing))
         return;
     ezeb_mutex_lock(&sub->lock);
     sub->callbackRegistered = 0;

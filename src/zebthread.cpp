@@ -2,6 +2,7 @@
 #include "ezebthread.h"
 
 #include "ezebutil.h"
+#include "ezebyieldseam.h"
 
 #include <errno.h>
 
@@ -20,6 +21,7 @@ static void *thread_body(void *opaque)
     void *const arg = start->arg;
     pthread_setname_np(pthread_self(), start->name);
     ezeb_free(start);
+    ezeb_yield();
     return body(arg);
 }
 
@@ -75,5 +77,6 @@ int ezeb_thread_start(pthread_t *thread, ezeb_threadkind kind, size_t stacksize,
         pthread_sigmask(SIG_SETMASK, &callers, nullptr);
     if (result != 0)
         ezeb_free(start);
+    ezeb_yield();
     return result == 0;
 }

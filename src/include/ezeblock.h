@@ -21,6 +21,8 @@
 #ifndef EZEBLOCK_H
 #define EZEBLOCK_H
 
+#include "ezebyieldseam.h"
+
 #include <pthread.h>
 #include <stdint.h>
 #include <time.h>
@@ -80,16 +82,19 @@ inline void ezeb_mutex_destroy(ezeb_mutex *mutex)
 
 inline void ezeb_mutex_lock(ezeb_mutex *mutex) EZEB_ACQUIRE(mutex) EZEB_NO_ANALYSIS
 {
+    ezeb_yield();
     ezeb_pthread_ok(pthread_mutex_lock(&mutex->m));
 }
 
 inline void ezeb_mutex_unlock(ezeb_mutex *mutex) EZEB_RELEASE(mutex) EZEB_NO_ANALYSIS
 {
     ezeb_pthread_ok(pthread_mutex_unlock(&mutex->m));
+    ezeb_yield();
 }
 
 inline bool ezeb_mutex_trylock(ezeb_mutex *mutex) EZEB_TRY_ACQUIRE(true, mutex) EZEB_NO_ANALYSIS
 {
+    ezeb_yield();
     return pthread_mutex_trylock(&mutex->m) == 0;
 }
 
@@ -124,23 +129,28 @@ inline void ezeb_cond_destroy(ezeb_cond *cond)
 
 inline void ezeb_cond_signal(ezeb_cond *cond)
 {
+    ezeb_yield();
     ezeb_pthread_ok(pthread_cond_signal(&cond->c));
 }
 
 inline void ezeb_cond_broadcast(ezeb_cond *cond)
 {
+    ezeb_yield();
     ezeb_pthread_ok(pthread_cond_broadcast(&cond->c));
 }
 
 inline void ezeb_cond_wait(ezeb_cond *cond, ezeb_mutex *mutex) EZEB_REQUIRES(mutex)
 {
+    ezeb_yield();
     ezeb_pthread_ok(pthread_cond_wait(&cond->c, &mutex->m));
+    ezeb_yield();
 }
 
 /* One wait: false when DEADLINE (wall clock) has passed. May return true without a signal. */
 inline bool ezeb_cond_waituntil(ezeb_cond *cond, ezeb_mutex *mutex, const timespec *deadline)
     EZEB_REQUIRES(mutex)
 {
+    ezeb_yield();
     return pthread_cond_timedwait(&cond->c, &mutex->m, deadline) == 0;
 }
 
@@ -150,6 +160,7 @@ inline bool ezeb_cond_waitseconds(ezeb_cond *cond, ezeb_mutex *mutex, time_t sec
     timespec deadline;
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += seconds;
+    ezeb_yield();
     return pthread_cond_clockwait(&cond->c, &mutex->m, CLOCK_MONOTONIC, &deadline) == 0;
 }
 
@@ -168,28 +179,54 @@ inline timespec ezeb_deadline(int64_t timeout)
 }
 
 /* Flags and counts that are read outside their lock. Relaxed: they only shorten a path or are looked at again
- * under the lock; what must be ordered uses the acquire and release forms by name. */
+ * under the lock; what must be ordered uses the forms behind them. */
 template <typename T>
 inline T ezeb_flag_get(const T *flag)
 {
+    ezeb_yield();
     return __atomic_load_n(flag, __ATOMIC_RELAXED);
 }
 
 template <typename T>
 inline void ezeb_flag_set(T *flag, T value)
 {
+    ezeb_yield();
     __atomic_store_n(flag, value, __ATOMIC_RELAXED);
+}
+
+/* Who reads VALUE with the second sees what was written before the first. */
+template <typename T>
+inline void ezeb_flag_release(T *flag, T value)
+{
+    ezeb_yield();
+    __atomic_store_n(flag, value, __ATOMIC_RELEASE);
+}
+
+template <typename T>
+inline T ezeb_flag_acquire(const T *flag)
+{
+    ezeb_yield();
+    return __atomic_load_n(flag, __ATOMIC_ACQUIRE);
+}
+
+/* Raises a one-way flag; true for the caller who was the first. */
+inline bool ezeb_flag_raise(int32_t *flag)
+{
+    ezeb_yield();
+    return __atomic_exchange_n(flag, 1, __ATOMIC_ACQ_REL) == 0;
 }
 
 /* Reference counts. ezeb_unref returns true for the caller who gave back the last one and now owns the record
  * alone. */
 inline void ezeb_ref(int32_t *count)
 {
+    ezeb_yield();
     __atomic_fetch_add(count, 1, __ATOMIC_RELAXED);
 }
 
 inline bool ezeb_unref(int32_t *count)
 {
+    ezeb_yield();
     return __atomic_fetch_sub(count, 1, __ATOMIC_ACQ_REL) == 1;
 }
 
