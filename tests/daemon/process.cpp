@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace process
 {
@@ -240,10 +241,11 @@ uint16_t ready_port(const running &daemon)
 
 void start_zebd(zebd &daemon, const arguments &options, const environment &env, uint16_t port)
 {
-    arguments command = {ZEBD_PATH,     "--port", std::to_string(port), "--ready-fd", "3",
-                         "--log-level", "debug"};
-    if (std::find(options.begin(), options.end(), "--admin") == options.end())
-        command.insert(command.end(), {"--admin", ""});
+    arguments command = {ZEBD_PATH, "--port", std::to_string(port), "--ready-fd", "3"};
+    const std::pair<std::string, std::string> defaults[] = {{"--admin", ""}, {"--log-level", "debug"}};
+    for (const auto &[option, value] : defaults)
+        if (std::find(options.begin(), options.end(), option) == options.end())
+            command.insert(command.end(), {option, value});
     command.insert(command.end(), options.begin(), options.end());
     start(daemon, command, env, true);
     daemon.port = ready_port(daemon);

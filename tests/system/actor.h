@@ -1,9 +1,8 @@
-/* A daemon and clients of it, as the tests drive them: lines go in, lines are waited for. */
+/* A client of the daemon as the tests drive it: lines go in, lines are waited for. */
 #pragma once
 
 #include "process.h"
 
-#include <csignal>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
@@ -55,30 +54,5 @@ struct actor : process::running {
     {
         tell({"sub", name, subscription, interest, deltas ? "true" : "false", "name=" + name, "group=g"});
         EXPECT_EQ(hear(name + " "), name + " subscribed");
-    }
-};
-
-struct System : testing::Test {
-    process::zebd daemon;
-    process::environment env;
-    process::arguments options; /* of the daemon */
-
-    void SetUp() override
-    {
-        signal(SIGPIPE, SIG_IGN);
-        start_daemon();
-    }
-
-    void start_daemon()
-    {
-        process::start_zebd(daemon, options);
-        ASSERT_NE(daemon.port, 0);
-        env = {{"TAMBEK_ZEB_PROXY_PORT", std::to_string(daemon.port)}, {"TAMBEK_HOME", "/nonexistent"}};
-    }
-
-    void start(actor &client) const
-    {
-        process::start(client, {ZEB_SYSTEM_CLIENT}, env);
-        EXPECT_EQ(client.hear(""), "ready");
     }
 };

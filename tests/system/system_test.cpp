@@ -1,5 +1,5 @@
 /* What applications do with each other through the daemon, as long as everything goes well. */
-#include "actor.h"
+#include "daemon_and_actors.h"
 
 namespace
 {

@@ -1,5 +1,5 @@
 /* What becomes of the others when something breaks. */
-#include "actor.h"
+#include "daemon_and_actors.h"
 #include "peer.h"
 
 #include <algorithm>

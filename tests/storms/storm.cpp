@@ -1,0 +1,82 @@
+#include "storm.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+namespace storms
+{
+
+static const char *variable(const char *name)
+{
+    const char *text = getenv(name);
+    return text != nullptr && *text != '\0' ? text : nullptr;
+}
+
+int amount(int shortly, int fully)
+{
+    const char *full = variable("ZEB_STORM_FULL");
+    return full != nullptr && *full == '1' ? fully : shortly;
+}
+
+uint64_t seed()
+{
+    if (const char *text = variable("ZEB_STORM_SEED"))
+        return strtoull(text, nullptr, 10);
+    return amount(0, 1) != 0 ? std::random_device{}() : 1;
+}
+
+void figure(const char *storm, const char *format, ...)
+{
+    printf("%s: ", storm);
+    va_list arguments;
+    va_start(arguments, format);
+    vprintf(format, arguments);
+    va_end(arguments);
+    printf("\n");
+    fflush(stdout);
+}
+
+static double entries_of(const std::string &directory)
+{
+    std::error_code gone;
+    double count = 0;
+    for (std::filesystem::directory_iterator i(directory, gone), end; !gone && i != end; i.increment(gone))
+        count++;
+    return count;
+}
+
+static double anonymous_kilobytes(const std::string &status)
+{
+    std::ifstream in(status);
+    std::string word;
+    double kilobytes = 0;
+    while (in >> word)
+        if (word == "RssAnon:")
+            in >> kilobytes;
+    return kilobytes;
+}
+
+usage usage_of(pid_t pid)
+{
+    const std::string process = "/proc/" + std::to_string(pid);
+    return {anonymous_kilobytes(process + "/status"), entries_of(process + "/fd"),
+            entries_of(process + "/task")};
+}
+
+double slope(const std::vector<double> &values)
+{
+    const auto count = static_cast<double>(values.size());
+    double sum = 0, weighted = 0, position = 0;
+    for (const double value : values) {
+        sum += value;
+        weighted += position++ * value;
+    }
+    const double middle = (count - 1) / 2, spread = count * (count * count - 1) / 12;
+    return spread > 0 ? (weighted - middle * sum) / spread : 0;
+}
+
+} // namespace storms

@@ -1,0 +1,34 @@
+/* What the storms share: how long they last, their seed, the figures they print, and what a process uses. */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace storms
+{
+
+/* SHORT, or LONG with ZEB_STORM_FULL=1 in the environment. */
+int amount(int shortly, int fully);
+
+/* ZEB_STORM_SEED; without it a new number in a full run, and always the same in a short one. */
+uint64_t seed();
+
+/* Prints a line "STORM: ..." with the formatted text. */
+void figure(const char *storm, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+struct usage {
+    double kilobytes = 0; /* memory of its own, as far as it is present */
+    double descriptors = 0;
+    double threads = 0;
+};
+
+/* Of the process PID; all zero when there is none. */
+usage usage_of(pid_t pid);
+
+/* By how much VALUES rise from one to the next, by the line that fits them best. */
+double slope(const std::vector<double> &values);
+
+} // namespace storms
