@@ -14,7 +14,7 @@ mkdir -p "$logs"
 build_packages=(g++ cmake ninja-build pkg-config python3 libuv1-dev libcli11-dev libspdlog-dev libtomlplusplus-dev nlohmann-json3-dev
     libgtest-dev zsh fish)
 # The version is part of the name: layout and findings differ between versions.
-check_packages=(abigail-tools clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14)
+check_packages=(abigail-tools clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 cppcheck)
 
 die() {
     printf '%s: %s\n' "$(basename "$0")" "$*" >&2

@@ -566,8 +566,8 @@ static bool read_origin(zeb_notification *n, ezeb_sb *sb)
            (n->cls != ZEB_CLASS_INCOMINGSTREAM || read_string(n, sb, skip_of("streamKey: "), &n->streamKey));
 }
 
-/* LENGTH bytes with a NUL behind them, or null. The block grows as bytes arrive: an announced length alone
- * commits little memory. */
+/* LENGTH bytes, at least one, with a NUL behind them, or null. The block grows as bytes arrive: an announced
+ * length alone commits little memory. */
 static char *read_block(ezeb_sb *sb, int32_t length)
 {
     constexpr size_t FIRST_STEP = 1048576;
@@ -586,6 +586,7 @@ static char *read_block(ezeb_sb *sb, int32_t length)
         block = grown;
         have = next;
     }
+    /* cppcheck-suppress nullPointer ; at least one byte is wanted, so there is a block */
     block[wanted] = '\0';
     return block;
 }

@@ -500,6 +500,7 @@ static bool call_back(zeb_subscriber *sub, zeb_notification *n, zeb_subscriber_c
 {
     ezeb_handing handing = {false};
     ezeb_mutex_lock(&sub->lock);
+    /* cppcheck-suppress autoVariables ; whatever ends the hold, at the latest this function, takes it back */
     n->handing = &handing;
     ezeb_mutex_unlock(&sub->lock);
     const uint32_t generation = ezeb_fork_generation();
