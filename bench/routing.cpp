@@ -100,11 +100,16 @@ double cost_of(bed &b, const std::shared_ptr<const event> &what, int events)
     return best;
 }
 
+connection_id client(int number)
+{
+    return static_cast<connection_id>(number);
+}
+
 double cost_with_types(int types)
 {
     bed b;
     for (int i = 0; i < types; i++)
-        b.up(static_cast<connection_id>(2 + i), 1, "/app/type/" + std::to_string(i));
+        b.up(client(2 + i), 1, "/app/type/" + std::to_string(i));
     return cost_of(b, event_of_type("/app/type/7"), 20000);
 }
 
@@ -112,7 +117,7 @@ double cost_with_receivers(int receivers, int events)
 {
     bed b;
     for (int i = 0; i < receivers; i++)
-        b.up(static_cast<connection_id>(2 + i), 1, "/app/**");
+        b.up(client(2 + i), 1, "/app/**");
     return cost_of(b, event_of_type("/app/type/7"), events);
 }
 
@@ -139,7 +144,7 @@ void measure_joining(bool deltas)
     b.out = sink();
     for (int i = 0; i < 1000; i++) {
         clockNow++;
-        b.up(static_cast<connection_id>(2 + i), 1, "null");
+        b.up(client(2 + i), 1, "null");
         if (i % 50 == 49)
             engine_flush(b.routing);
     }
@@ -154,7 +159,7 @@ void measure_mutual_joining()
     bed b;
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < 1000; i++) {
-        b.up(static_cast<connection_id>(1 + i), 1, "null", "(\"/ZEB/RPC/SVR=calculator\")", true);
+        b.up(client(1 + i), 1, "null", "(\"/ZEB/RPC/SVR=calculator\")", true);
         if (i % 50 == 49)
             engine_flush(b.routing);
     }
@@ -171,8 +176,7 @@ void measure_memory(bool distinct)
     bed b;
     const size_t before = mallinfo2().uordblks;
     for (int i = 0; i < subscribers; i++)
-        b.up(static_cast<connection_id>(1 + i / 100), i % 100 + 1,
-             distinct ? "/app/type/" + std::to_string(i) : "/app/**");
+        b.up(client(1 + i / 100), i % 100 + 1, distinct ? "/app/type/" + std::to_string(i) : "/app/**");
     printf("idle subscriber, %-26s %8zu octets\n", distinct ? "a type of its own" : "a subscription shared",
            (mallinfo2().uordblks - before) / subscribers);
 }

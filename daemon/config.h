@@ -14,6 +14,9 @@
 namespace zebd
 {
 
+constexpr int64_t kib = 1024;
+constexpr int64_t mib = 1024 * kib;
+
 /* The members are in the types of the file: integers, seconds and texts. */
 struct configuration {
     int64_t port = defaultPort; /* 0: one that the kernel chooses, the same for both addresses */
@@ -28,16 +31,16 @@ struct configuration {
     int64_t clients = 10000;
     double connectSeconds = 10;
     double stallSeconds = 300;
-    int64_t line = 128 * 1024;
-    int64_t header = 1024 * 1024;
+    int64_t line = 128 * kib;
+    int64_t header = mib;
     int64_t properties = 10000;
-    int64_t body = 64 * 1024 * 1024;
-    int64_t addresses = 16 * 1024 * 1024;
-    int64_t unfinished = 512 * 1024 * 1024;
+    int64_t body = 64 * mib;
+    int64_t addresses = 16 * mib;
+    int64_t unfinished = 512 * mib;
     int64_t subscribers = 100000;
     int64_t streams = 1024;
-    int64_t subscriber = 256 * 1024;
-    int64_t allSubscribers = 512 * 1024 * 1024;
+    int64_t subscriber = 256 * kib;
+    int64_t allSubscribers = 512 * mib;
 
     int64_t languageOctets = 65536;
     int64_t languageNesting = 64;
@@ -45,10 +48,10 @@ struct configuration {
     int64_t languageClauses = 4096;
 
     std::string queuePolicy = "disconnect";
-    int64_t queueSoft = 32 * 1024 * 1024;
+    int64_t queueSoft = 32 * mib;
     double queueSoftSeconds = 30;
-    int64_t queueHard = 64 * 1024 * 1024;
-    int64_t queueTotal = 512 * 1024 * 1024;
+    int64_t queueHard = 64 * mib;
+    int64_t queueTotal = 512 * mib;
 
     bool operator==(const configuration &) const = default;
 };
