@@ -17,5 +17,8 @@ target_link_options(zeb_hardening INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexe
 
 if(ZEB_SANITIZE)
   add_compile_options(-fsanitize=${ZEB_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  # clang's check of calls through pointers reports in the C++ run-time, which a program in C is not linked with.
+  add_compile_options($<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=function>)
+  add_link_options($<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=function>)
   add_link_options(-fsanitize=${ZEB_SANITIZE})
 endif()

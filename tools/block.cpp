@@ -15,14 +15,6 @@
 namespace tool
 {
 
-struct block_deleter {
-    void operator()(zeb_bb *block) const
-    {
-        zeb_bb_destroy(block);
-    }
-};
-using block_owner = std::unique_ptr<zeb_bb, block_deleter>;
-
 struct freer {
     void operator()(void *octets) const
     {

@@ -131,7 +131,7 @@ static const char *scope_text(const zebd::subscription &parsed)
     return "matching";
 }
 
-struct finding {
+struct analysis {
     std::string normal;
     const char *scope;
     std::vector<std::string> clauses; /* empty when they are too many */
@@ -163,7 +163,7 @@ static std::vector<std::string> clause_texts(const zebd::subscription &parsed, s
     return texts;
 }
 
-static finding explain(const zebd::subscription &parsed, subject_kind kind)
+static analysis explain(const zebd::subscription &parsed, subject_kind kind)
 {
     static constexpr uint64_t holder = 1;
     zebd::subscription_index index;
@@ -176,7 +176,7 @@ static finding explain(const zebd::subscription &parsed, subject_kind kind)
             {}};
 }
 
-static json as_json(const finding &f)
+static json as_json(const analysis &f)
 {
     json result;
     result["valid"] = true;
@@ -189,7 +189,7 @@ static json as_json(const finding &f)
     return result;
 }
 
-static std::string readable(const finding &f)
+static std::string readable(const analysis &f)
 {
     std::string text = "scope: " + std::string(f.scope) + "\nnormal form: " + escaped(f.normal) + "\n";
     for (size_t i = 0; i < f.filed.size(); i++) {
@@ -229,7 +229,7 @@ exit_code check(const common_options &common, const check_options &options)
         put_error(common.json, options.text, error);
         return exit_refused;
     }
-    finding f = explain(parsed, kind);
+    analysis f = explain(parsed, kind);
     if (options.event)
         if (const exit_code code = evaluate(*options.event, parsed, kind, f.matches); code != exit_done)
             return code;

@@ -1,5 +1,6 @@
 #include "wire.h"
 
+#include "block.h"
 #include "host.h"
 #include "stop.h"
 #include "text.h"
@@ -126,13 +127,6 @@ exit_code wire_subscribe(wire_connection &daemon, const std::string &interest, b
 
 /* ---- Events ---- */
 
-struct block_deleter {
-    void operator()(zeb_bb *block) const
-    {
-        zeb_bb_destroy(block);
-    }
-};
-
 static json member_of(zeb_bb_seg *segment)
 {
     static constexpr std::pair<const char *, const char *> names[] = {
@@ -160,8 +154,7 @@ static json member_of(zeb_bb_seg *segment)
 /* The second letter of a segment's name says what became of the member. */
 static void read_members(const std::string &octets, wire_event &event)
 {
-    const std::unique_ptr<zeb_bb, block_deleter> block(
-        zeb_bb_body2block(octets.data(), static_cast<int32_t>(octets.size())));
+    const block_owner block(zeb_bb_body2block(octets.data(), static_cast<int32_t>(octets.size())));
     zeb_bb_seg *segment = zeb_bb_seglist_getfirst(zeb_bb_getsegments(block.get()));
     for (; segment != nullptr; segment = zeb_bb_seglist_getnext(segment)) {
         const std::string_view name = text_of(zeb_bb_seg_getname(segment));

@@ -1,5 +1,6 @@
 /* Clients that read too slowly, say too little or are too many: what zebd does about each, over the loopback.
  */
+#include "../support/sanitizer.h"
 #include "administrator.h"
 #include "peer.h"
 #include "process.h"
@@ -309,16 +310,10 @@ int64_t status_kilobytes(pid_t pid, const std::string &name)
     return -1;
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool sanitized = true;
-#else
-constexpr bool sanitized = false;
-#endif
-
 /* Small events are the hard case: their records are larger than what is on the wire. */
 TEST_F(Limits, MemoryUnderAClientThatReadsNothingStaysWithinItsLimit)
 {
-    if (sanitized)
+    if (zebtest::addressSanitizer || zebtest::threadSanitizer)
         GTEST_SKIP() << "the sanitizer's own memory hides the daemon's";
     serve({"queue.policy=drop-oldest", "queue.hard=33554432"});
     peer lazy, from;

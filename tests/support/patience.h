@@ -1,37 +1,15 @@
 /* Time in tests: limits that a slow machine or a sanitizer stretches, and waiting for conditions. */
 #pragma once
 
+#include "sanitizer.h"
+
 #include <chrono>
 #include <functional>
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ZEBTEST_THREAD_SANITIZER 1
-#elif __has_feature(address_sanitizer)
-#define ZEBTEST_ADDRESS_SANITIZER 1
-#endif
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define ZEBTEST_THREAD_SANITIZER 1
-#elif defined(__SANITIZE_ADDRESS__)
-#define ZEBTEST_ADDRESS_SANITIZER 1
-#endif
 
 namespace zebtest
 {
 
 using std::chrono::milliseconds;
-
-#if defined(ZEBTEST_THREAD_SANITIZER)
-inline constexpr bool threadSanitizer = true;
-#else
-inline constexpr bool threadSanitizer = false;
-#endif
-#if defined(ZEBTEST_ADDRESS_SANITIZER)
-inline constexpr bool addressSanitizer = true;
-#else
-inline constexpr bool addressSanitizer = false;
-#endif
 
 /* LIMIT times the number in ZEB_TEST_STRETCH; without it as it is, or three times as long under a sanitizer.
  * For limits after which a test fails, never for what the test measures. */

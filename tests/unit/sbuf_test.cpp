@@ -402,7 +402,7 @@ void note(int)
 /* The socket is full when the write begins, so that most signals find it waiting with nothing written yet. */
 TEST_F(Sbuf, AnInterruptedWriteGoesOn)
 {
-    if (unit::UNDER_THREAD_SANITIZER)
+    if (zebtest::threadSanitizer)
         GTEST_SKIP() << "the thread sanitizer holds signals back until the call is over";
     struct sigaction action = {};
     action.sa_handler = note; /* without SA_RESTART */

@@ -2,6 +2,7 @@
 #ifndef ZEB_TESTS_UNIT_H
 #define ZEB_TESTS_UNIT_H
 
+#include "../support/sanitizer.h"
 #include "ezeballocseam.h"
 
 #include <gtest/gtest.h>
@@ -15,28 +16,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#if !defined(__has_feature)
-#define __has_feature(x) 0
-#endif
-
 namespace unit
 {
 
 /* ---- The build ---- */
 
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-constexpr bool UNDER_THREAD_SANITIZER = true;
-#else
-constexpr bool UNDER_THREAD_SANITIZER = false;
-#endif
-#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
-constexpr bool UNDER_ADDRESS_SANITIZER = true;
-#else
-constexpr bool UNDER_ADDRESS_SANITIZER = false;
-#endif
-
 /* Sanitizers give every thread a stack of their liking, and want more of it. */
-constexpr bool OWN_STACKS = !UNDER_THREAD_SANITIZER && !UNDER_ADDRESS_SANITIZER;
+constexpr bool OWN_STACKS = !zebtest::threadSanitizer && !zebtest::addressSanitizer;
 
 /* ---- Refused memory ---- */
 
