@@ -143,11 +143,16 @@ exit_code join(uint16_t port, std::string &instance)
     return exit_done;
 }
 
+exit_code join(const common_options &options, uint16_t &port)
+{
+    std::string instance;
+    return find_port(options, port) ? join(port, instance) : exit_usage;
+}
+
 exit_code join(const common_options &options)
 {
     uint16_t port = 0;
-    std::string instance;
-    return find_port(options, port) ? join(port, instance) : exit_usage;
+    return join(options, port);
 }
 
 } // namespace tool

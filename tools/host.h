@@ -44,7 +44,8 @@ std::string home_directory();
  * result is exit_done, or the code to end with after a line was said. Nothing to undo then. */
 exit_code join(uint16_t port, std::string &instance);
 
-/* find_port() and join() for verbs that only want to be connected. */
+/* find_port() and join() for verbs that only want to be connected; PORT gets where to. */
 exit_code join(const common_options &options);
+exit_code join(const common_options &options, uint16_t &port);
 
 } // namespace tool

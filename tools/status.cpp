@@ -116,9 +116,8 @@ static exit_code put_status(const common_options &common)
 exit_code status(const common_options &common, const status_options &options)
 {
     const std::pair<bool, topic> wanted[] = {
-        {options.clients, {"clients", "clients"}},
-        {options.subscribers, {"subscribers", "subscribers"}},
-        {options.counters, {"counters", "counters"}},
+        {options.clients, {"clients", "clients"}}, {options.subscribers, {"subscribers", "subscribers"}},
+        {options.groups, {"groups", "groups"}},    {options.counters, {"counters", "counters"}},
         {options.metrics, {"metrics", "text"}},
     };
     bool any = false;

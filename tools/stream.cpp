@@ -4,6 +4,7 @@
 #include "stop.h"
 #include "text.h"
 #include "verbs.h"
+#include "watch.h"
 
 #include <algorithm>
 #include <atomic>
@@ -62,10 +63,20 @@ static bool write_pieces(zeb_outstream *stream, std::string_view octets, size_t 
     return true;
 }
 
+static std::atomic<uint64_t> sent{0};
+
+/* What the daemon had of the stream went with it, so nobody gets the whole. */
+static void end_when_lost(double lostAt)
+{
+    if (lostAt == 0)
+        return;
+    say("the daemon is gone");
+    quit_after(sent, "octets");
+}
+
 static exit_code send_input(int fd, zeb_outstream *stream, size_t piece)
 {
     const double began = steady_clock();
-    uint64_t sent = 0;
     std::string octets;
     int error = 0;
     for (bool ended = false; error == 0 && !ended;) {
@@ -95,8 +106,12 @@ exit_code stream_send(const common_options &common, const stream_options &option
     const int fd = options.file ? open(options.file->c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
     if (code == exit_done && fd < 0)
         code = fail(exit_usage, *options.file + ": " + std::strerror(errno));
+    uint16_t port = 0;
+    daemon_watch watch;
     if (code == exit_done)
-        code = join(common);
+        code = join(common, port);
+    if (code == exit_done)
+        code = watch.start(port, end_when_lost);
     if (code != exit_done)
         return code;
     watch_signals();
@@ -114,6 +129,22 @@ exit_code stream_send(const common_options &common, const stream_options &option
 
 static std::atomic<uint64_t> received{0};
 
+/* When its first piece was handed on, in whole seconds since 1970 as the library tells it, and since when the
+ * next octets are waited for, on the steady clock; infinite while that does not apply. */
+static std::atomic<double> streamBegan{HUGE_VAL}, waitingSince{HUGE_VAL};
+
+/* What was received before the daemon went is on its way to the reader for no longer than this. Seconds. */
+static constexpr double arrivalTime = 1;
+
+/* A stream that began in the second in which the daemon went is counted among those that went with it. */
+static void end_when_cut(double lostAt)
+{
+    if (lostAt < streamBegan || steady_clock() - waitingSince < arrivalTime)
+        return;
+    say("the daemon is gone");
+    quit_after(received, "octets");
+}
+
 /* Reads of a stream have no limit, so a signal ends the run from its handler. */
 static void on_stop()
 {
@@ -127,12 +158,20 @@ static std::string subscription_for(const std::string &text)
     return isType ? "(\"@type=" + replaced(text, "\"", "\"\"") + "\")" : text;
 }
 
+static int32_t read_stream(zeb_instream *stream, std::string &buffer)
+{
+    waitingSince = steady_clock();
+    const int32_t count = zeb_instream_read(stream, buffer.data(), static_cast<int32_t>(buffer.size()));
+    waitingSince = HUGE_VAL;
+    return count;
+}
+
 static uint64_t write_stream(zeb_instream *stream)
 {
     const double began = steady_clock();
     std::string buffer(65536, '\0');
     int32_t count = 0;
-    while ((count = zeb_instream_read(stream, buffer.data(), static_cast<int32_t>(buffer.size()))) > 0) {
+    while ((count = read_stream(stream, buffer)) > 0) {
         const signals_held held;
         put(std::string_view(buffer).substr(0, static_cast<size_t>(count)));
         received += static_cast<unsigned>(count);
@@ -147,6 +186,8 @@ static zeb_instream *next_stream(zeb_subscriber *subscriber, bool verbose)
 {
     while (zeb_notification *n = next_before(subscriber, HUGE_VAL)) {
         zeb_instream *stream = zeb_notification_getInputStream(n);
+        if (stream != nullptr)
+            streamBegan = static_cast<double>(zeb_notification_deliveryTime(n));
         if (stream != nullptr && verbose)
             say("stream " + escaped(text_of(zeb_notification_type(n))) + " from " +
                 escaped(text_of(zeb_notification_generatingComponent(n))));
@@ -159,7 +200,11 @@ static zeb_instream *next_stream(zeb_subscriber *subscriber, bool verbose)
 
 exit_code stream_receive(const common_options &common, const stream_options &options)
 {
-    exit_code code = join(common);
+    uint16_t port = 0;
+    daemon_watch watch;
+    exit_code code = join(common, port);
+    if (code == exit_done)
+        code = watch.start(port, end_when_cut);
     if (code != exit_done)
         return code;
     watch_signals(on_stop);

@@ -171,7 +171,7 @@ static verb stream_send_verb(stream_options &o)
         R"(Sends the octets of standard input, or of --file, as a stream of type TYPE, as they come, and says on
 standard error how many there were. Subscribers that are there from the beginning get all of them in order. While
 it runs a line on the terminal shows how far it is. Nothing slows the sender down: what the daemon does not take
-yet is kept in memory.)",
+yet is kept in memory. When the daemon goes the run ends, since nobody would get the whole any more.)",
         {{"TYPE", "TYPE", "Type of the stream", &o.type, 0, 0, {}, {}, true}},
         {
             file_option(o.file, "the octets"),
@@ -179,7 +179,9 @@ yet is kept in memory.)",
             component_option(o.component),
             {"--piece", "OCTETS", "Octets of a piece at most", &o.piece, 1, 16777216},
         },
-        {noDaemon, timeOver, {exit_partly, "stopped before the end of the input"}},
+        {noDaemon,
+         timeOver,
+         {exit_partly, "stopped before the end of the input, or the daemon was gone before it had all"}},
         "date | zeb stream send /backup"};
     return v;
 }
@@ -191,13 +193,14 @@ static verb stream_receive_verb(stream_options &o)
         "Write the next stream to standard output",
         R"(Waits for a stream and writes it to standard output octet by octet until its end. TEXT is its type
 when it begins with a slash and holds no wildcard, else a subscription. Says on standard error that it is
-subscribed (with --verbose), which stream it is, and how many octets it had.)",
+subscribed (with --verbose), which stream it is, and how many octets it had. When the daemon goes in the middle of
+the stream the run ends; before its beginning it waits for the daemon.)",
         {{"TEXT", "TEXT", "Type of the stream, or a subscription", &o.type, 0, 0, {}, {}, true}},
         {component_option(o.component)},
         {noDaemon,
          {exit_refused, "the daemon refused the subscription"},
          timeOver,
-         {exit_partly, "stopped before the end of the stream"}},
+         {exit_partly, "stopped before the end of the stream, or it was cut off"}},
         "zeb stream receive /backup > copy"};
     return v;
 }
@@ -449,6 +452,7 @@ with one line for each thing, and need it.)",
         {
             {"--clients", "", "Who is connected", &o.clients},
             {"--subscribers", "", "Who has subscribed to what, and how that is filed", &o.subscribers},
+            {"--groups", "", "Who watches which group, and who belongs to it", &o.groups},
             {"--counters", "", "Everything that is counted", &o.counters},
             {"--metrics", "", "The counters in the format of a metrics collector", &o.metrics},
         },

@@ -89,7 +89,7 @@ struct check_options {
 };
 
 struct status_options {
-    bool clients = false, subscribers = false, counters = false, metrics = false;
+    bool clients = false, subscribers = false, groups = false, counters = false, metrics = false;
 };
 
 struct monitor_options {

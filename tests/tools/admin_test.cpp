@@ -59,6 +59,22 @@ TEST_F(Administration, StatusListsClientsAndSubscribers)
     EXPECT_NE(admin({"status", "--metrics"}).out.find("\n# TYPE "), std::string::npos);
 }
 
+TEST_F(Administration, StatusListsGroups)
+{
+    serve_administration();
+    process::running keep, watch;
+    run_until(keep, {"state", "keep", "-p", "group=a", "--body", "x", "-v"}, "zeb: keeping ");
+    process::start(watch, {ZEB_PATH, "members", "(\"group=a\")", "--watch"}, env);
+    ASSERT_TRUE(process::wait_for_out(watch, "+ ")) << watch.errText;
+    const std::vector<json> groups = json_lines(admin({"status", "--groups", "--json"}).out);
+    ASSERT_EQ(groups.size(), 1U);
+    EXPECT_EQ(groups[0]["interest"], "\"group=a\"");
+    EXPECT_EQ(groups[0]["members"].size(), 1U);
+    EXPECT_EQ(groups[0]["watchers"].size(), 1U);
+    const std::string plain = admin({"status", "--groups"}).out;
+    EXPECT_EQ(plain.find("interest=\"group=a\" members=[\""), 0U) << plain;
+}
+
 TEST_F(Administration, MonitorShowsEventsWithTheirReceivers)
 {
     serve_administration();

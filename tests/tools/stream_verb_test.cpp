@@ -87,6 +87,78 @@ TEST_F(Tool, ASignalInTheMiddleOfAStreamTellsHowFarItWas)
     EXPECT_EQ(send.errText, "zeb: stopped after 5 octets\n");
 }
 
+/* One stream on its way, of which "hello" has arrived. */
+struct StreamUnderWay : Tool {
+    process::running send, receive;
+
+    void SetUp() override
+    {
+        Tool::SetUp();
+        serve();
+        run_until(receive, {"stream", "receive", "/s", "--verbose"}, "zeb: subscribed\n");
+        process::start(send, {ZEB_PATH, "stream", "send", "/s"}, env);
+        ASSERT_EQ(write(send.in, "hello", 5), 5);
+        ASSERT_TRUE(process::wait_for_out(receive, "hello"));
+    }
+
+    void expect_cut(process::running &child)
+    {
+        ASSERT_TRUE(process::wait_for_err(child, "octets\n")) << child.errText; /* its input is open */
+        EXPECT_EQ(process::finish(child), 5);
+        EXPECT_TRUE(child.errText.ends_with("zeb: the daemon is gone\nzeb: stopped after 5 octets\n"))
+            << child.errText;
+    }
+};
+
+TEST_F(StreamUnderWay, EndsOnBothSidesWhenTheDaemonIsGone)
+{
+    process::send_signal(daemon, SIGKILL);
+    expect_cut(receive);
+    expect_cut(send);
+}
+
+TEST_F(StreamUnderWay, EndsOnBothSidesWhenAnotherDaemonHasTakenItsPlace)
+{
+    process::send_signal(daemon, SIGKILL);
+    process::finish(daemon);
+    process::zebd next;
+    process::start_zebd(next, {}, {}, daemon.port);
+    ASSERT_NE(next.port, 0) << next.errText;
+    expect_cut(receive);
+    expect_cut(send);
+}
+
+TEST_F(Tool, AStreamThatHasArrivedIsWholeEvenWhenTheDaemonIsGone)
+{
+    serve();
+    const std::string octets = every_octet(3000000);
+    process::running receive;
+    run_until(receive, {"stream", "receive", "/s", "--verbose"}, "zeb: subscribed\n");
+    EXPECT_EQ(zeb({"stream", "send", "/s"}, octets).code, 0);
+    process::send_signal(daemon, SIGTERM); /* it hands out what it has; the receiver waits for us to read */
+    EXPECT_EQ(process::finish(daemon), 0);
+    EXPECT_EQ(process::finish(receive), 0) << receive.errText;
+    EXPECT_TRUE(receive.outText == octets);
+}
+
+TEST_F(Tool, AStreamIsWaitedForAcrossAnotherDaemon)
+{
+    serve();
+    process::running receive;
+    run_until(receive, {"stream", "receive", "/s", "--verbose"}, "zeb: subscribed\n");
+    process::send_signal(daemon, SIGKILL);
+    process::finish(daemon);
+    process::zebd next;
+    process::start_zebd(next, {}, {}, daemon.port);
+    ASSERT_NE(next.port, 0) << next.errText;
+    process::running members;
+    process::start(members, {ZEB_PATH, "members", "--watch"}, env);
+    ASSERT_TRUE(process::wait_for_out(members, "+ ")); /* the receiver is back */
+    EXPECT_EQ(zeb({"stream", "send", "/s"}, "hello").code, 0);
+    EXPECT_EQ(process::finish(receive), 0) << receive.errText;
+    EXPECT_EQ(receive.outText, "hello");
+}
+
 TEST_F(Tool, AStreamShowsItsProgressOnATerminal)
 {
     serve();
