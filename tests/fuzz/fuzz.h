@@ -78,10 +78,28 @@ class cursor
     {
         return text(rest.size());
     }
+    /* Up to the next line feed, which is taken and left out. */
+    std::string_view line()
+    {
+        const std::string_view taken = text(rest.find('\n'));
+        byte();
+        return taken;
+    }
 
   private:
     std::string_view rest;
 };
+
+/* ---- Lines ---- */
+
+/* Gives TAKE each line of an input without its end. */
+template <typename Take>
+void each_line(std::string_view input, Take take)
+{
+    cursor rest(input);
+    while (!rest.empty())
+        take(rest.line());
+}
 
 /* ---- Pieces ---- */
 
