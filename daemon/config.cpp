@@ -5,8 +5,14 @@
 #include <cstdio>
 #include <iterator>
 
+/* Some assertions of the parser do not hold for files that it refuses in good order without them, "[[[" for
+ * one. Where NDEBUG is defined it would even let the compiler rely on them. */
+#define TOML_ASSERT(expression) static_cast<void>(0)
 #define TOML_EXCEPTIONS 0
+#pragma push_macro("NDEBUG")
+#undef NDEBUG
 #include <toml++/toml.h>
+#pragma pop_macro("NDEBUG")
 
 namespace zebd
 {
@@ -231,8 +237,54 @@ static void read_table(file_reading &reading, const toml::table &table, const st
     }
 }
 
+/* Behind the text in quotes that begins at AT, or behind its line where it does not end there. */
+static size_t end_of_quoted(std::string_view file, size_t at)
+{
+    const std::string three(3, file[at]);
+    const bool isLong = file.substr(at).starts_with(three);
+    const std::string_view mark = std::string_view(three).substr(0, isLong ? 3 : 1);
+    for (at += mark.size(); at < file.size(); at++) {
+        if (file.substr(at).starts_with(mark))
+            return std::min(file.find_first_not_of(mark[0], at + mark.size()), file.size());
+        if (!isLong && file[at] == '\n')
+            return at;
+        if (mark[0] == '"' && file[at] == '\\')
+            at++;
+    }
+    return file.size();
+}
+
+/* The first octet above ASCII outside of texts in quotes and comments. TOML has none there, and the parser is
+ * not made for them. The length of FILE when there is none. */
+static size_t find_stray_octet(std::string_view file)
+{
+    size_t at = 0;
+    while (at < file.size() && static_cast<unsigned char>(file[at]) < 0x80) {
+        if (file[at] == '"' || file[at] == '\'')
+            at = end_of_quoted(file, at);
+        else if (file[at] == '#')
+            at = std::min(file.find('\n', at), file.size());
+        else
+            at++;
+    }
+    return at;
+}
+
+static config_problem problem_at(std::string_view file, size_t at, std::string reason)
+{
+    const std::string_view before = file.substr(0, at);
+    const size_t lineBegin = before.rfind('\n') + 1; /* 0 in the first line */
+    return {static_cast<uint32_t>(std::ranges::count(before, '\n') + 1),
+            static_cast<uint32_t>(at - lineBegin + 1), std::move(reason)};
+}
+
 std::vector<config_problem> config_parse(std::string_view text, configuration &config)
 {
+    static constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
+    if (text.starts_with(byteOrderMark))
+        text.remove_prefix(byteOrderMark.size());
+    if (const size_t stray = find_stray_octet(text); stray < text.size())
+        return {problem_at(text, stray, "only ASCII can stand outside of quotes")};
     file_reading reading{config, {}};
     const toml::parse_result result = toml::parse(text);
     if (!result) {

@@ -93,6 +93,29 @@ TEST(Config, AFileThatIsNoTomlIsRefusedAtItsPlace)
     EXPECT_EQ(problem_in("port = \n").substr(0, 2), "1:");
 }
 
+TEST(Config, ATableWithoutANameIsRefusedAtItsPlace)
+{
+    using namespace std::string_literals;
+    for (const std::string &name : {"["s, "=x"s, "\0"s, "\x7f"s, "\xc3\xa9"s, "."s}) {
+        EXPECT_EQ(problem_in("port = 1\n[[" + name + "]]\n").substr(0, 2), "2:") << name;
+        EXPECT_EQ(problem_in("[ " + name + "]\n").substr(0, 2), "1:") << name;
+    }
+}
+
+TEST(Config, OctetsAboveAsciiStandInQuotesAndComments)
+{
+    zebd::configuration config;
+    const std::string file = "\xef\xbb\xbfinstance = \"\\\"\xc3\xa9\" # \xc3\xa9\n"
+                             "admin.socket = '\xc3\xa9'\nlog.level = \"\"\"\\\n  debug\"\"\"\n";
+    EXPECT_EQ(problem_in(file), "");
+    EXPECT_TRUE(zebd::config_parse(file, config).empty());
+    EXPECT_EQ(config.instance, "\"\xc3\xa9");
+    for (const char *value : {"\xc3\xa9", "'a'\xc3\xa9", "\"a\\\\\"\xc8\x8c", "a\xc3\xa9"})
+        EXPECT_EQ(problem_in("port = 1\ninstance = " + std::string(value) + "\n").substr(0, 2), "2:")
+            << value;
+    EXPECT_EQ(problem_in("\xc8\x8c = 1\n"), "1:1 only ASCII can stand outside of quotes\n");
+}
+
 TEST(Config, EveryDefaultIsWithinItsOwnRange)
 {
     const configuration defaults;
