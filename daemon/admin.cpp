@@ -51,6 +51,8 @@ static std::string answer_status(const report_source &source)
                                   {"clients", report.clients},
                                   {"subscribers", report.subscribers},
                                   {"queuedBytes", report.queuedBytes},
+                                  {"subscriberBytes", report.subscriberBytes},
+                                  {"unfinishedBytes", report.unfinishedBytes},
                                   {"memoryBytes", report.memoryBytes},
                                   {"counters", counters_of(report)}});
 }

@@ -49,6 +49,8 @@ static daemon_report report_daemon(const void *context)
     report.clients = open_clients(s);
     report.subscribers = s.routing.subscribers.size();
     report.queuedBytes = s.pool.octets;
+    report.subscriberBytes = engine_octets(s.routing);
+    report.unfinishedBytes = s.incoming;
     report.memoryBytes = resident_bytes();
     report.unindexed = s.routing.index.remainder;
     report.notices = s.routing.members.notices;

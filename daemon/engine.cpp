@@ -29,6 +29,9 @@ static size_t octets_of(std::string_view key, const std::vector<uint64_t> &recei
     return key.size() + sizeof(open_stream) + receivers.size() * sizeof(uint64_t) + 64;
 }
 
+/* What a refused stream takes until its end comes. */
+static constexpr size_t octetsOfRefused = 64;
+
 size_t engine_octets(const engine &engine)
 {
     return engine.subscriberOctets + engine.index.octets + engine.members.interests.octets +
@@ -179,6 +182,7 @@ void engine_connection_gone(engine &engine, connection_id connection)
         forget(engine, serial);
     for (const auto &[key, stream] : at->second.streams)
         engine.streamOctets -= stream.octets;
+    engine.streamOctets -= at->second.refused.size() * octetsOfRefused;
     engine.connections.erase(at);
     wake_for_members(engine);
 }
@@ -332,20 +336,24 @@ static void close_stream(engine &engine, engine_connection &from, text_map<open_
     from.streams.erase(stream);
 }
 
-/* Refused streams of one connection whose end has not come. */
-static constexpr size_t mostRefused = 4096;
+/* Refused streams of one connection whose end has not come; the lower number holds where all memory for
+ * subscribers and streams is used up. */
+static constexpr size_t mostRefused = 4096, mostRefusedWithoutRoom = 64;
 
 /* Pieces of a stream without its head would look like a whole one, so all of them are dropped. */
 static bool refuse_piece(engine &engine, engine_connection &from, size_t hash, bool isEnd, std::string &why)
 {
     engine.counters.streamsRefused++;
+    engine.streamOctets -= from.refused.size() * octetsOfRefused;
     if (isEnd)
         from.refused.erase(hash);
     else
         from.refused.insert(hash);
-    if (from.refused.size() <= mostRefused)
+    engine.streamOctets += from.refused.size() * octetsOfRefused;
+    const size_t most = engine_octets(engine) <= engine.limits.kept ? mostRefused : mostRefusedWithoutRoom;
+    if (from.refused.size() <= most)
         return true;
-    why = "more than " + std::to_string(mostRefused) + " of its streams were refused and have not ended";
+    why = "more than " + std::to_string(most) + " of its streams were refused and have not ended";
     return false;
 }
 

@@ -138,6 +138,10 @@ static constexpr size_t cachedTypes = 1024;
 static constexpr size_t cachedTypeLength = 256;
 static constexpr size_t cachedEntries = 1024;
 
+/* Finding so few clauses is as quick as the cache. Keeping them there would only push out others where events
+ * have very many types. */
+static constexpr size_t quicklyFound = 8;
+
 static void match_type(subscription_index &index, const subject &what, std::vector<index_entry *> &entries)
 {
     const std::string_view type = what.fields[static_cast<size_t>(field::type)];
@@ -148,7 +152,8 @@ static void match_type(subscription_index &index, const subject &what, std::vect
     }
     const size_t before = entries.size();
     match_filing(index, index.byType, what, entries);
-    if (type.size() > cachedTypeLength || entries.size() - before > cachedEntries)
+    if (index.candidates.size() <= quicklyFound || type.size() > cachedTypeLength ||
+        entries.size() - before > cachedEntries)
         return;
     if (index.types.size() >= cachedTypes)
         index.types.clear();

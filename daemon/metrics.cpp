@@ -149,6 +149,10 @@ std::string metrics_text(const daemon_report &report)
     add_gauge(text, "zebd_unindexed_clauses", "Parts of subscriptions that are tried for every event.",
               report.unindexed);
     add_gauge(text, "zebd_queued_bytes", "Memory kept by what waits for clients.", report.queuedBytes);
+    add_gauge(text, "zebd_subscriber_bytes",
+              "Memory kept for subscribers, what they subscribe to, and streams.", report.subscriberBytes);
+    add_gauge(text, "zebd_unfinished_bytes", "Memory kept by messages that have not come completely.",
+              report.unfinishedBytes);
     add_gauge(text, "zebd_memory_bytes", "Resident memory.", report.memoryBytes);
     std::string_view metric;
     for (const counter_description &each : counters) {

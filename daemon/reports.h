@@ -18,10 +18,12 @@ struct daemon_report {
     uint16_t port = 0;
     double uptimeSeconds = 0;
     size_t clients = 0, subscribers = 0;
-    size_t queuedBytes = 0; /* of all queues, what is shared counted once */
-    size_t memoryBytes = 0; /* resident */
-    size_t unindexed = 0;   /* clauses of subscriptions that are tried for every event */
-    uint64_t notices = 0;   /* lists and changes of members sent */
+    size_t queuedBytes = 0;     /* of all queues, what is shared counted once */
+    size_t subscriberBytes = 0; /* kept for subscribers, subscriptions, interests and streams */
+    size_t unfinishedBytes = 0; /* kept by messages that have not come completely */
+    size_t memoryBytes = 0;     /* resident */
+    size_t unindexed = 0;       /* clauses of subscriptions that are tried for every event */
+    uint64_t notices = 0;       /* lists and changes of members sent */
     uint64_t logSuppressed = 0, logLost = 0;
     server_counters server;
     engine_counters engine;

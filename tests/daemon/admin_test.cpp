@@ -266,20 +266,20 @@ TEST_F(AdminSocket, AnswersManyRequestsOnOneConnectionInOrder)
     peer client;
     ASSERT_TRUE(client.join(daemon.port) && client.subscribe());
     ASSERT_TRUE(admin.say("{\"ask\":\"status\"}\n{\"ask\":\"clients\"}\nwhat\n{\"ask\":\"subscribers\"}\n"));
-    const json status = admin.hear()["status"];
+    const json status = admin.next()["status"];
     EXPECT_EQ(status["pid"], daemon.pid);
     EXPECT_EQ(status["port"], daemon.port);
     EXPECT_EQ(status["clients"], 1);
     EXPECT_EQ(status["subscribers"], 1);
     EXPECT_GT(status["memoryBytes"], 1000000);
-    const json clients = admin.hear()["clients"];
+    const json clients = admin.next()["clients"];
     ASSERT_EQ(clients.size(), 1u);
     EXPECT_EQ(clients[0]["pid"], 4242);
     EXPECT_EQ(clients[0]["subscribers"], 1);
     EXPECT_GT(clients[0]["bytesIn"], 100);
     EXPECT_GT(clients[0]["bytesOut"], 100);
-    EXPECT_EQ(admin.hear()["ok"], false);
-    EXPECT_EQ(admin.hear()["subscribers"][0]["component"], "watcher");
+    EXPECT_EQ(admin.next()["ok"], false);
+    EXPECT_EQ(admin.next()["subscribers"][0]["component"], "watcher");
 }
 
 TEST_F(AdminSocket, CountsWhatHappens)
@@ -341,16 +341,16 @@ TEST_F(AdminSocket, AnswersWhoeverHasSaidEverything)
     ASSERT_TRUE(admin.say(questions));
     ASSERT_EQ(shutdown(admin.fd, SHUT_WR), 0);
     for (int i = 0; i < requests; i++)
-        ASSERT_EQ(admin.hear()["ok"], true) << i;
-    EXPECT_TRUE(admin.hear().is_null());
+        ASSERT_EQ(admin.next()["ok"], true) << i;
+    EXPECT_TRUE(admin.next().is_null());
 }
 
 TEST_F(AdminSocket, RefusesALongRequest)
 {
     serve();
     ASSERT_TRUE(admin.say(std::string(5000, 'x')));
-    EXPECT_EQ(admin.hear()["error"], "a request has at most 4096 octets");
-    EXPECT_TRUE(admin.hear().is_null());
+    EXPECT_EQ(admin.next()["error"], "a request has at most 4096 octets");
+    EXPECT_TRUE(admin.next().is_null());
 }
 
 TEST_F(AdminSocket, IsRemovedAtTheEnd)
@@ -359,7 +359,7 @@ TEST_F(AdminSocket, IsRemovedAtTheEnd)
     process::send_signal(daemon, SIGTERM);
     EXPECT_EQ(process::finish(daemon), 0);
     EXPECT_NE(access(path.c_str(), F_OK), 0);
-    EXPECT_TRUE(admin.hear().is_null());
+    EXPECT_TRUE(admin.next().is_null());
 }
 
 TEST_F(AdminSocket, ReplacesTheFileOfADeadDaemon)
@@ -495,33 +495,33 @@ TEST_F(AdminSocket, TraceShowsBothDirectionsInOrderAndTheEnd)
     peer client;
     ASSERT_TRUE(client.join(daemon.port));
     ASSERT_TRUE(admin.say("{\"ask\":\"trace\",\"connection\":1}\n"));
-    ASSERT_EQ(admin.hear()["ok"], true);
+    ASSERT_EQ(admin.next()["ok"], true);
     ASSERT_TRUE(client.subscribe());
     ASSERT_TRUE(client.say(wire::messageEvent));
     client.hear("he\r\nl");
     client.hang_up();
-    json line = admin.hear()["trace"];
+    json line = admin.next()["trace"];
     EXPECT_EQ(line["direction"], "in");
     EXPECT_EQ(line["message"], "subscribe");
     EXPECT_EQ(line["component"], "watcher");
     EXPECT_EQ(line["connection"], 1);
-    line = admin.hear()["trace"];
+    line = admin.next()["trace"];
     EXPECT_EQ(line["direction"], "out");
     EXPECT_EQ(line["message"], "status");
     EXPECT_EQ(line["taken"], true);
-    line = admin.hear()["trace"];
+    line = admin.next()["trace"];
     EXPECT_EQ(line["direction"], "in");
     EXPECT_EQ(line["message"], "event");
     EXPECT_EQ(line["type"], "/app/disk/full");
     EXPECT_EQ(line["octets"], wire::messageEvent.size());
-    line = admin.hear()["trace"];
+    line = admin.next()["trace"];
     EXPECT_EQ(line["direction"], "out");
     EXPECT_EQ(line["message"], "event");
     EXPECT_EQ(line["id"], "node1:911");
     const std::string head = line["head"];
     EXPECT_NE(head.find("\r\ndeliveryTime: "), std::string::npos) << head;
     EXPECT_TRUE(head.ends_with("AddrList-Length: 0")) << head;
-    EXPECT_EQ(admin.hear()["trace"]["direction"], "end");
+    EXPECT_EQ(admin.next()["trace"]["direction"], "end");
 }
 
 TEST_F(AdminSocket, TraceShowsNobodyElse)
@@ -530,10 +530,10 @@ TEST_F(AdminSocket, TraceShowsNobodyElse)
     peer traced, other;
     ASSERT_TRUE(traced.join(daemon.port) && other.join(daemon.port));
     ASSERT_TRUE(admin.say("{\"ask\":\"trace\",\"connection\":1}\n"));
-    ASSERT_EQ(admin.hear()["ok"], true);
+    ASSERT_EQ(admin.next()["ok"], true);
     ASSERT_TRUE(other.subscribe() && traced.subscribe());
-    EXPECT_EQ(admin.hear()["trace"]["connection"], 1);
-    EXPECT_EQ(admin.hear()["trace"]["message"], "status");
+    EXPECT_EQ(admin.next()["trace"]["connection"], 1);
+    EXPECT_EQ(admin.next()["trace"]["message"], "status");
 }
 
 TEST_F(AdminSocket, MonitorTellsOfEveryEventWithItsReceivers)
@@ -544,7 +544,7 @@ TEST_F(AdminSocket, MonitorTellsOfEveryEventWithItsReceivers)
     ASSERT_TRUE(other.join(daemon.port));
     ASSERT_EQ(admin.ask("monitor")["ok"], true);
     ASSERT_TRUE(other.say(wire::messageEvent));
-    const json event = admin.hear()["event"];
+    const json event = admin.next()["event"];
     EXPECT_EQ(event["class"], "MessageNotification");
     EXPECT_EQ(event["type"], "/app/disk/full");
     EXPECT_EQ(event["id"], "node1:911");
@@ -572,7 +572,7 @@ TEST_F(AdminSocket, ASlowMonitorLosesLinesAndIsTold)
         from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
     int events = 0, lost = 0;
     while (events + lost < sent) {
-        const json line = admin.hear();
+        const json line = admin.next();
         ASSERT_FALSE(line.is_null()) << events << " " << lost;
         if (line.contains("lost"))
             lost += line["lost"].get<int>();

@@ -1,30 +1,13 @@
 /* Somebody who asks zebd's administration socket. Every wait has a limit. */
 #pragma once
 
-#include "process.h"
+#include "dialogue.h"
 
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <poll.h>
-#include <string>
-#include <string_view>
-#include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-struct administrator {
-    int fd = -1;
-    std::string got;
-
-    administrator() = default;
-    administrator(const administrator &) = delete;
-    administrator &operator=(const administrator &) = delete;
-    ~administrator()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-
+struct administrator : dialogue {
     bool dial(const std::string &path)
     {
         sockaddr_un address{};
@@ -34,38 +17,15 @@ struct administrator {
         return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
     }
 
-    bool say(std::string_view text) const
-    {
-        while (!text.empty()) {
-            const ssize_t count = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-            if (count <= 0)
-                return false;
-            text.remove_prefix(static_cast<size_t>(count));
-        }
-        return true;
-    }
-
     /* The next line as an object; null at the end of the connection or of the time. */
-    nlohmann::json hear()
+    nlohmann::json next()
     {
-        size_t end = got.find('\n');
-        while (end == std::string::npos) {
-            pollfd watched{fd, POLLIN, 0};
-            char buffer[65536];
-            const ssize_t count =
-                poll(&watched, 1, process::patience) == 1 ? recv(fd, buffer, sizeof(buffer), 0) : -1;
-            if (count <= 0)
-                return {};
-            got.append(buffer, static_cast<size_t>(count));
-            end = got.find('\n');
-        }
-        const std::string line = got.substr(0, end);
-        got.erase(0, end + 1);
-        return nlohmann::json::parse(line);
+        const std::string line = hear("\n");
+        return line.ends_with('\n') ? nlohmann::json::parse(line) : nlohmann::json();
     }
 
     nlohmann::json ask(const std::string &what)
     {
-        return say("{\"ask\":\"" + what + "\"}\n") ? hear() : nlohmann::json();
+        return say("{\"ask\":\"" + what + "\"}\n") ? next() : nlohmann::json();
     }
 };

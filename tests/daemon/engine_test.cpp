@@ -335,6 +335,24 @@ TEST_F(Engine, OpenStreamsCountWithAllSubscribers)
     EXPECT_EQ(engine_octets(routing), 0U);
 }
 
+TEST_F(Engine, RefusedStreamsCountWithAllSubscribers)
+{
+    routing.limits.streams = 0;
+    for (int i = 0; i < 1000; i++)
+        take(9, piece("refused", "/log", std::to_string(i)));
+    EXPECT_GE(engine_octets(routing), 1000 * sizeof(size_t));
+    const size_t before = engine_octets(routing);
+    take(9, piece("", "/log", "7"));
+    EXPECT_LT(engine_octets(routing), before);
+    engine_connection_gone(routing, 9);
+    EXPECT_EQ(engine_octets(routing), 0U);
+    routing.limits.kept = 0;
+    for (int i = 0; i < 64; i++)
+        take(9, piece("refused", "/log", std::to_string(i)));
+    EXPECT_FALSE(taken(9, piece("refused", "/log", "one more")));
+    EXPECT_EQ(refusal, "more than 64 of its streams were refused and have not ended");
+}
+
 std::string many_alternatives(int number, int count)
 {
     std::string text;

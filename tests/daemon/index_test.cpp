@@ -389,6 +389,13 @@ TEST(Index, EqualSubscriptionsAreOneEntry)
     EXPECT_EQ(index.entries.size(), 1U);
 }
 
+/* Subscriptions that every type has to be compared with, so that the cache is worth its while. */
+void add_crowd(subscription_index &index)
+{
+    for (uint64_t i = 0; i < 20; i++)
+        index_add(index, 1000 + i, parsed("/*nowhere" + std::to_string(i), subject_kind::event));
+}
+
 /* What is remembered of a type must not outlive the subscriptions it came from. */
 TEST(Index, TheCacheOfTypesFollowsEveryChange)
 {
@@ -401,6 +408,7 @@ TEST(Index, TheCacheOfTypesFollowsEveryChange)
         std::sort(holders.begin(), holders.end());
         return holders;
     };
+    add_crowd(index);
     index_add(index, 1, parsed("/a/**", subject_kind::event));
     EXPECT_EQ(found(), (std::vector<uint64_t>{1}));
     EXPECT_EQ(index.types.size(), 1U);
@@ -421,13 +429,20 @@ TEST(Index, TheCacheOfTypesIsBounded)
     subscription_index index;
     index_add(index, 1, parsed("/**", subject_kind::event));
     std::vector<uint64_t> holders;
-    for (int i = 0; i < 5000; i++) {
-        const std::string type = "/" + std::to_string(i);
-        subject what;
-        what.fields[static_cast<size_t>(field::type)] = type;
-        index_match(index, what, holders);
-    }
-    EXPECT_EQ(holders.size(), 5000U);
+    const auto match_many_types = [&] {
+        for (int i = 0; i < 5000; i++) {
+            const std::string type = "/" + std::to_string(i);
+            subject what;
+            what.fields[static_cast<size_t>(field::type)] = type;
+            index_match(index, what, holders);
+        }
+    };
+    match_many_types();
+    EXPECT_EQ(index.types.size(), 0U); /* what is found quickly is not kept */
+    add_crowd(index);
+    match_many_types();
+    EXPECT_EQ(holders.size(), 10000U);
+    EXPECT_GT(index.types.size(), 0U);
     EXPECT_LE(index.types.size(), 1024U);
 }
 

@@ -61,10 +61,10 @@ struct Limits : testing::Test {
             const std::string event = wire::with(wire::bareEvent, "Content-Length: 0", length);
             const std::string number = "eventId: " + std::to_string(published++);
             if (!from.say(wire::with(event, "eventId: ", number) + body) ||
-                (i % 20 == 19 && !round_trip(from)))
+                (i % 20 == 19 && !from.round_trip()))
                 return false;
         }
-        return round_trip(from);
+        return from.round_trip();
     }
 
     bool publish_until(peer &from, const std::string &text)
@@ -75,19 +75,13 @@ struct Limits : testing::Test {
         return logged(text);
     }
 
-    static bool round_trip(peer &client)
-    {
-        return client.subscribe(
-            wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null"));
-    }
-
     /* One event of a type, with a body of that many octets. */
     static bool publish_large(peer &from, const std::string &type, size_t octets)
     {
         const std::string event = wire::with(wire::bareEvent, "eventType: ", "eventType: " + type);
         const std::string length = "Content-Length: " + std::to_string(octets);
         return from.say(wire::with(event, "Content-Length: 0", length)) &&
-               from.say(std::string(octets, 'x')) && round_trip(from);
+               from.say(std::string(octets, 'x')) && from.round_trip();
     }
 
     static bool watch(peer &client, const std::string &type)
@@ -127,7 +121,7 @@ TEST_F(Limits, PiecesOfRefusedStreamsAreLogged)
     ASSERT_TRUE(from.say(std::string(wire::streamPiece) + std::string(wire::streamPiece)));
     EXPECT_TRUE(process::wait_for_err(daemon, "pieces dropped, there was no room for their streams"))
         << daemon.errText;
-    EXPECT_TRUE(round_trip(from));
+    EXPECT_TRUE(from.round_trip());
 }
 
 TEST_F(Limits, EventsThatGoNowhereAreLogged)
@@ -140,7 +134,7 @@ TEST_F(Limits, EventsThatGoNowhereAreLogged)
     EXPECT_TRUE(process::wait_for_err(
         daemon, ": 1 events without destination dropped, of a class that always has one"))
         << daemon.errText;
-    EXPECT_TRUE(round_trip(from));
+    EXPECT_TRUE(from.round_trip());
 }
 
 /* ---- Slow readers ---- */
@@ -158,7 +152,7 @@ TEST_F(Limits, AClientAboveTheSoftLimitForLongIsEnded)
     EXPECT_TRUE(process::wait_for_err(daemon, "octets are waiting for it, the soft limit is 1000000\n"))
         << daemon.errText;
     EXPECT_TRUE(lazy.hear_end());
-    EXPECT_TRUE(round_trip(from));
+    EXPECT_TRUE(from.round_trip());
     EXPECT_EQ(counter("endedQueue"), 1);
     EXPECT_GT(counter("droppedSoft"), 0); /* all that waited */
     EXPECT_EQ(counter("eventsOut") + counter("droppedSoft"), counter("eventsRouted"));
@@ -325,7 +319,7 @@ TEST_F(Limits, MemoryUnderAClientThatReadsNothingStaysWithinItsLimit)
         batch += wire::bareEvent;
     for (int i = 0; i < 3000; i++)
         ASSERT_TRUE(from.say(batch));
-    ASSERT_TRUE(round_trip(from));
+    ASSERT_TRUE(from.round_trip());
     EXPECT_TRUE(logged("events dropped by the hard limit\n"));
     const int64_t most = status_kilobytes(daemon.pid, "VmHWM");
     RecordProperty("kilobytesBefore", std::to_string(before));
@@ -346,7 +340,7 @@ TEST_F(Limits, AClientThatDoesNotConnectIsEndedAfterAWhile)
     EXPECT_TRUE(silent.hear_end());
     EXPECT_TRUE(half.hear_end());
     EXPECT_TRUE(process::wait_for_err(daemon, "ended: it did not complete its connect in time\n"));
-    EXPECT_TRUE(round_trip(whole));
+    EXPECT_TRUE(whole.round_trip());
     EXPECT_EQ(counter("endedTime"), 2);
 }
 
@@ -359,7 +353,7 @@ TEST_F(Limits, AMessageThatIsNeverCompletedEndsItsClient)
     ASSERT_TRUE(client.say(wire::messageEvent.substr(0, 100)));
     EXPECT_TRUE(client.hear_end());
     EXPECT_TRUE(process::wait_for_err(daemon, "ended: the rest of a message did not come in time\n"));
-    EXPECT_TRUE(round_trip(idle));
+    EXPECT_TRUE(idle.round_trip());
 }
 
 TEST_F(Limits, ASlowSenderIsNotEnded)
@@ -388,7 +382,7 @@ TEST_F(Limits, TheLargestUnfinishedMessagePaysForAllTogether)
         daemon, "ended: its unfinished message is the largest while the limit of all is 3000000\n"))
         << daemon.errText;
     ASSERT_TRUE(small.say("x"));
-    EXPECT_TRUE(round_trip(other));
+    EXPECT_TRUE(other.round_trip());
     process::poll_output(daemon);
     EXPECT_EQ(daemon.errText.find(" ended: "), daemon.errText.rfind(" ended: "));
     EXPECT_EQ(counter("endedUnfinished"), 1);
@@ -408,7 +402,7 @@ TEST_F(Limits, UnfinishedSubscribesCountWithWhatTheyKeep)
     EXPECT_TRUE(process::wait_for_err(
         daemon, "ended: its unfinished message is the largest while the limit of all is 1048576\n"))
         << daemon.errText;
-    EXPECT_TRUE(other.join(daemon.port) && round_trip(other));
+    EXPECT_TRUE(other.join(daemon.port) && other.round_trip());
 }
 
 /* ---- Descriptors ---- */
@@ -429,7 +423,7 @@ TEST_F(Limits, WithoutDescriptorsItServesWhomItHasAndRecovers)
         ASSERT_TRUE(each.dial(daemon.port));
     ASSERT_TRUE(process::wait_for_err(daemon, "<4>cannot accept clients: Too many open files"))
         << daemon.errText;
-    EXPECT_TRUE(round_trip(served));
+    EXPECT_TRUE(served.round_trip());
     many.clear();
     peer late;
     EXPECT_TRUE(late.join(daemon.port));
