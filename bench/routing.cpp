@@ -113,6 +113,15 @@ double cost_with_types(int types)
     return cost_of(b, event_of_type("/app/type/7"), 20000);
 }
 
+/* Patterns that nothing but asking tells about: each stands for a subscription of its own. */
+double cost_with_patterns(const std::string &beginning, int patterns, const char *end = "")
+{
+    bed b;
+    for (int i = 0; i < patterns; i++)
+        b.up(static_cast<connection_id>(2 + i), 1, beginning + std::to_string(i) + end);
+    return cost_of(b, event_of_type("/app/type/7"), 20);
+}
+
 double cost_with_receivers(int receivers, int events)
 {
     bed b;
@@ -126,6 +135,18 @@ void measure_matching()
     const double few = cost_with_types(10), many = cost_with_types(10000);
     printf("event to 1 receiver among 10 types          %8.0f ns\n", few);
     printf("event to 1 receiver among 10,000 types      %8.0f ns  ratio %.2f\n", many, many / few);
+}
+
+/* The second event of a type is answered out of the cache; patterns for properties are not, and are the
+ * worst. */
+void measure_patterns()
+{
+    static constexpr int patterns = 5000;
+    printf("event among 5,000 patterns for its type     %8.0f ns\n", cost_with_patterns("/**/", patterns));
+    printf("event among 5,000 patterns for a property   %8.0f ns\n",
+           cost_with_patterns("\"sev~=*x", patterns, "\""));
+    printf("event among 5,000 negations                 %8.0f ns\n",
+           cost_with_patterns("!\"sev=", patterns, "3\""));
 }
 
 void measure_fan_out()
@@ -169,6 +190,29 @@ void measure_mutual_joining()
            took.count(), static_cast<double>(b.out.octets) / 1e6);
 }
 
+/* Each has an interest of its own that no table answers, so each is asked about everybody. */
+void measure_costly_joining(int members, const char *before, const char *after)
+{
+    bed b;
+    const auto begin = std::chrono::steady_clock::now();
+    std::chrono::duration<double, std::milli> longest{};
+    const auto timed = [&](auto &&act) {
+        const auto from = std::chrono::steady_clock::now();
+        act();
+        longest = std::max<std::chrono::duration<double, std::milli>>(
+            longest, std::chrono::steady_clock::now() - from);
+    };
+    for (int i = 0; i < members; i++)
+        timed([&] {
+            b.up(static_cast<connection_id>(1 + i), 1, "null", before + std::to_string(i) + after, true);
+        });
+    for (int i = 0; i < 10000 && membership_pending(b.routing.members); i++)
+        timed([&] { engine_flush(b.routing); });
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+    printf("%d members with interests like %s...%s join: %.0f ms, the longest step %.1f ms\n", members,
+           before, after, took.count(), longest.count());
+}
+
 /* What an idle subscriber keeps allocated: with texts all its own, and with a type that others share. */
 void measure_memory(bool distinct)
 {
@@ -186,10 +230,13 @@ void measure_memory(bool distinct)
 int main()
 {
     measure_matching();
+    measure_patterns();
     measure_fan_out();
     measure_joining(true);
     measure_joining(false);
     measure_mutual_joining();
+    measure_costly_joining(6000, "!(\"name=", "\")&\"nobody\"");
+    measure_costly_joining(6000, "!(\"/ZEB/RPC/SVR=calculator\")&!(\"name=", "\")");
     measure_memory(true);
     measure_memory(false);
     return 0;
