@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <list>
 #include <set>
 #include <sstream>
 #include <sys/stat.h>
@@ -298,6 +299,24 @@ TEST_F(AdminSocket, CountsWhatHappens)
     EXPECT_EQ(clients[0]["eventsOut"], 1);
     const std::string text = admin.ask("metrics")["text"];
     EXPECT_NE(text.find("\nzebd_events_in_total 1\n"), std::string::npos) << text;
+}
+
+TEST_F(AdminSocket, Serves32AtOnceAndNoMore)
+{
+    serve();
+    std::list<administrator> others(31);
+    for (administrator &each : others)
+        ASSERT_TRUE(each.dial(path) && each.ask("counters").value("ok", false));
+    administrator above;
+    ASSERT_TRUE(above.dial(path));
+    EXPECT_TRUE(above.hear_end());
+    others.pop_front();
+    bool served = false;
+    for (int i = 0; i < 1000 && !served; i++) { /* until it has seen that one go */
+        administrator next;
+        served = next.dial(path) && next.ask("counters").is_object();
+    }
+    EXPECT_TRUE(served);
 }
 
 TEST_F(AdminSocket, IsForItsOwnerAlone)

@@ -154,11 +154,24 @@ TEST(Config, TheExampleShowsEveryKeyWithItsDefaultAndAComment)
     }
 }
 
-TEST(Config, TheManualNamesEveryKey)
+TEST(Config, TheManualNamesEveryKeyWithItsDefault)
 {
     const std::string manual = read_whole(ZEB_MANUAL);
-    for (const config_key &key : config_keys())
-        EXPECT_NE(manual.find("| `" + std::string(key.name) + "` |"), std::string::npos) << key.name;
+    for (const config_key &key : config_keys()) {
+        std::string value = config_text(configuration(), key);
+        std::erase(value, '"');
+        const std::string row =
+            "\n| `" + std::string(key.name) + "` | " + (value.empty() ? "empty" : value) + " | ";
+        EXPECT_NE(manual.find(row), std::string::npos) << row;
+    }
+}
+
+/* Who runs another service by the book must not find zebd in its place. */
+TEST(Config, TheDefaultPortBelongsToNoOtherService)
+{
+    std::ifstream services("/etc/services");
+    for (std::string line; std::getline(services, line);)
+        EXPECT_EQ(line.find("\t" + std::to_string(defaultPort) + "/"), std::string::npos) << line;
 }
 
 /* ---- The program ---- */

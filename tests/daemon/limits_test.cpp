@@ -111,6 +111,85 @@ struct Limits : testing::Test {
     }
 };
 
+/* ---- Every key acts in the running program ---- */
+
+std::string subscribe_with(const std::string &line, const std::string &fresh)
+{
+    return wire::with(wire::subscribeEverything, line, fresh);
+}
+
+TEST_F(Limits, OnMessagesEndTheirClient)
+{
+    const std::string line(600, 'x');
+    const std::pair<const char *, std::string> cases[] = {
+        {"limits.line=256", subscribe_with("watcher", std::string(300, 'w'))},
+        {"limits.header=1024",
+         subscribe_with("numberOfProperties: 0\r\n\r\n",
+                        "numberOfProperties: 2\r\na: " + line + "\r\nb: " + line + "\r\n\r\n")},
+        {"limits.properties=2", std::string(wire::subscribeWithProperties)},
+        {"limits.body=4", std::string(wire::messageEvent)},
+        {"limits.addresses=3", std::string(wire::stateEvent)},
+    };
+    for (const auto &[setting, text] : cases) {
+        process::zebd limited;
+        process::start_zebd(limited, {"--set", setting});
+        peer within, client;
+        ASSERT_TRUE(within.join(limited.port) && within.round_trip()) << setting;
+        ASSERT_TRUE(client.join(limited.port) && client.say(text)) << setting;
+        EXPECT_TRUE(client.hear_end()) << setting;
+        EXPECT_TRUE(process::wait_for_err(limited, " ended: ")) << setting;
+    }
+}
+
+/* The answer to the subscribe message that is one too many, or that is not answered at all. */
+std::string first_refusal(peer &client, const std::string &text)
+{
+    std::string answer;
+    for (int id = 2; id < 20 && answer.find("failure") == std::string::npos; id++) {
+        if (!client.say(wire::with(text, "SubscriberID: 1", "SubscriberID: " + std::to_string(id))))
+            return "GONE";
+        answer = client.hear("\r\n\r\n");
+    }
+    return answer;
+}
+
+TEST_F(Limits, OnSubscribersAreAnswered)
+{
+    const auto subscription = [](const std::string &text) {
+        return subscribe_with("Subscription: ", "Subscription: " + text);
+    };
+    const std::pair<const char *, std::string> cases[] = {
+        {"limits.subscribers=1", subscription("null")},
+        {"limits.subscriber=1024", subscribe_with("watcher", std::string(2000, 'w'))},
+        {"limits.all_subscribers=1048576", subscribe_with("watcher", std::string(100000, 'w'))},
+        {"language.octets=10", subscription("(\"type=123\")")},
+        {"language.nesting=2", subscription("(((\"a\")))")},
+        {"language.predicates=1", subscription("(\"a\")|(\"b\")")},
+    };
+    for (const auto &[setting, text] : cases) {
+        process::zebd limited;
+        process::start_zebd(limited, {"--set", setting});
+        peer client;
+        ASSERT_TRUE(client.join(limited.port) && client.round_trip()) << setting;
+        const std::string answer = first_refusal(client, text);
+        EXPECT_NE(answer.find("Message: E_LIMIT "), std::string::npos) << setting << answer;
+        EXPECT_TRUE(client.round_trip()) << setting;
+    }
+}
+
+TEST_F(Limits, OnClausesLeaveASubscriptionWhole)
+{
+    const std::string text = subscribe_with("Subscription: ", "Subscription: (\"a=1\")|(\"b=1\")");
+    for (const bool isWhole : {false, true}) {
+        process::zebd limited;
+        process::start_zebd(limited, {"--set", isWhole ? "language.clauses=1" : "language.clauses=2"});
+        peer client;
+        ASSERT_TRUE(client.join(limited.port) && client.subscribe(text) && client.round_trip());
+        process::poll_output(limited);
+        EXPECT_EQ(limited.errText.find("has to be tried for every event") != std::string::npos, isWhole);
+    }
+}
+
 /* ---- What is sent in vain ---- */
 
 TEST_F(Limits, PiecesOfRefusedStreamsAreLogged)

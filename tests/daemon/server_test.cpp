@@ -11,6 +11,7 @@ namespace
 {
 
 constexpr size_t mebibyte = size_t{1024} * 1024;
+constexpr size_t filling = 30 * mebibyte;
 
 struct Server : testing::Test {
     process::zebd daemon;
@@ -24,6 +25,15 @@ struct Server : testing::Test {
     std::string log()
     {
         return daemon.errText;
+    }
+
+    /* More than the sockets alone would hold waits for READER then. */
+    bool fill(peer &reader, peer &from) const
+    {
+        const std::string length = "Content-Length: " + std::to_string(filling);
+        return reader.join(daemon.port) && reader.subscribe() && from.join(daemon.port) &&
+               from.say(wire::with(wire::bareEvent, "Content-Length: 0", length)) &&
+               from.say(std::string(filling, 'x')) && from.round_trip();
     }
 };
 
@@ -306,25 +316,18 @@ TEST_F(Server, StopDoesNotWaitForAClientThatKeepsItsSideOpen)
     EXPECT_EQ(process::finish(daemon), 0) << log();
 }
 
-/* What is queued when the signal comes still arrives whole; more than the sockets alone would hold. */
+/* What is queued when the signal comes still arrives whole. */
 TEST_F(Server, StopWritesWhatIsQueued)
 {
     serve();
     peer reader, from;
-    ASSERT_TRUE(reader.join(daemon.port) && reader.subscribe());
-    ASSERT_TRUE(from.join(daemon.port));
-    const size_t size = 30 * mebibyte;
-    ASSERT_TRUE(from.say(
-        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
-    ASSERT_TRUE(from.say(std::string(size, 'x')));
-    ASSERT_TRUE(
-        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    ASSERT_TRUE(fill(reader, from));
     process::send_signal(daemon, SIGTERM);
     ASSERT_TRUE(process::wait_for_err(daemon, "stopping on SIGTERM")) << log();
     reader.hear("AddrList-Length: 0\r\n\r\n");
     while (reader.more()) {
     }
-    EXPECT_EQ(reader.got.size(), size);
+    EXPECT_EQ(reader.got.size(), filling);
     reader.hang_up();
     EXPECT_EQ(process::finish(daemon), 0) << log();
 }
@@ -333,31 +336,29 @@ TEST_F(Server, StopGivesUpOnAClientThatReadsNothing)
 {
     serve({"--stop-seconds", "0.2"});
     peer lazy, from;
-    ASSERT_TRUE(lazy.join(daemon.port) && lazy.subscribe());
-    ASSERT_TRUE(from.join(daemon.port));
-    const size_t size = 30 * mebibyte;
-    ASSERT_TRUE(from.say(
-        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
-    ASSERT_TRUE(from.say(std::string(size, 'x')));
-    ASSERT_TRUE(
-        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    ASSERT_TRUE(fill(lazy, from));
     process::send_signal(daemon, SIGTERM);
     EXPECT_EQ(process::finish(daemon), 0) << log();
     EXPECT_NE(log().find("octets unwritten\n"), std::string::npos) << log();
+}
+
+TEST_F(Server, ASecondSignalStopsAtOnce)
+{
+    serve({"--stop-seconds", "3600"});
+    peer lazy, from;
+    ASSERT_TRUE(fill(lazy, from));
+    process::send_signal(daemon, SIGTERM);
+    ASSERT_TRUE(process::wait_for_err(daemon, "stopping on SIGTERM")) << log();
+    process::send_signal(daemon, SIGINT);
+    EXPECT_EQ(process::finish(daemon), 0) << log();
+    EXPECT_NE(log().find("<4>second signal: stopping at once\n"), std::string::npos) << log();
 }
 
 TEST_F(Server, ClosesItsDoorAtOnceWhenStopping)
 {
     serve({"--stop-seconds", "3600"});
     peer reader, from;
-    ASSERT_TRUE(reader.join(daemon.port) && reader.subscribe());
-    ASSERT_TRUE(from.join(daemon.port));
-    const size_t size = 30 * mebibyte;
-    ASSERT_TRUE(from.say(
-        wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: " + std::to_string(size))));
-    ASSERT_TRUE(from.say(std::string(size, 'x')));
-    ASSERT_TRUE(
-        from.subscribe(wire::with(wire::subscribeEverything, "Subscription: ", "Subscription: null")));
+    ASSERT_TRUE(fill(reader, from));
     process::send_signal(daemon, SIGTERM);
     EXPECT_TRUE(from.hear_end()); /* so the daemon is stopping, and waits for the other one */
     peer late;
