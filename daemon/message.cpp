@@ -287,10 +287,16 @@ static step step_after_properties(message_reader &reader)
     return current_event(reader).cls == event_class::incoming_stream ? step_stream_key : step_content_length;
 }
 
+/* Up to so many are made room for at once, whatever has been announced. */
+static constexpr size_t usualProperties = 8;
+
 static bool take_property_count(message_reader &reader, const line_view &line)
 {
     if (!take_count(reader, line.value, reader.limits.properties, reader.propertiesLeft))
         return false;
+    if (reader.propertiesLeft > 0 && current_subscribe(reader) == nullptr)
+        current_event(reader).properties.reserve(
+            std::min<size_t>(static_cast<size_t>(reader.propertiesLeft), usualProperties));
     return go(reader, reader.propertiesLeft > 0 ? step_property : step_after_properties(reader));
 }
 

@@ -1,6 +1,9 @@
 /* Encoders. Nothing here looks at sockets or at who receives what. */
 #include "outgoing.h"
 
+#include <charconv>
+#include <iterator>
+
 namespace zebd
 {
 
@@ -25,32 +28,61 @@ size_t outgoing_size(const outgoing &item)
     return size;
 }
 
-/* The names of the two time headers have twelve characters because clients skip that many without reading
- * them. */
-static std::string time_lines(int64_t created, int64_t delivered)
+static void append_number(std::string &text, int64_t value)
 {
-    return "creationTime: " + std::to_string(created) + "\r\ndeliveryTime: " + std::to_string(delivered) +
-           "\r\n";
+    char digits[24];
+    const auto end = std::to_chars(digits, std::end(digits), value);
+    text.append(digits, end.ptr);
 }
 
-static std::string length_lines(size_t body, size_t addresses)
+/* The names of the two time headers have twelve characters because clients skip that many without reading
+ * them. */
+static void append_times(std::string &text, int64_t created, int64_t delivered)
 {
-    return "Content-Length: " + std::to_string(body) + "\r\nAddrList-Length: " + std::to_string(addresses) +
-           "\r\n\r\n";
+    text += "creationTime: ";
+    append_number(text, created);
+    text += "\r\ndeliveryTime: ";
+    append_number(text, delivered);
+    text += "\r\n";
 }
+
+static void append_lengths(std::string &text, size_t body, size_t addresses)
+{
+    text += "Content-Length: ";
+    append_number(text, static_cast<int64_t>(body));
+    text += "\r\nAddrList-Length: ";
+    append_number(text, static_cast<int64_t>(addresses));
+    text += "\r\n\r\n";
+}
+
+/* All that stands before the receiver's identifier. */
+static std::string_view opening_of(event_class cls)
+{
+    static const auto openings = [] {
+        std::array<std::string, static_cast<size_t>(event_class::leave_group) + 1> texts;
+        for (size_t i = 0; i < texts.size(); i++)
+            texts[i] = "POST /event HTTP/1.1\r\nclassName: " +
+                       std::string(event_class_name(static_cast<event_class>(i))) + "\r\nSubscriberID: ";
+        return texts;
+    }();
+    return openings[static_cast<size_t>(cls)];
+}
+
+/* Room for the lines of times and lengths with the largest numbers. */
+static constexpr size_t numberLines = 160;
 
 std::shared_ptr<const encoded_event> encode_event(std::shared_ptr<const event> source, int64_t deliveredAt,
                                                   std::string addresses)
 {
     auto result = std::make_shared<encoded_event>();
-    result->before = "POST /event HTTP/1.1\r\nclassName: ";
-    result->before += event_class_name(source->cls);
-    result->before += "\r\nSubscriberID: ";
-    result->after = "\r\n";
-    result->after += source->text(source->identity);
-    result->after += time_lines(source->takenAt, deliveredAt);
-    result->after += source->text(source->origin);
-    result->after += length_lines(source->body.length, addresses.size());
+    result->before = opening_of(source->cls);
+    std::string &after = result->after;
+    after.reserve(source->identity.length + source->origin.length + numberLines);
+    after += "\r\n";
+    after += source->text(source->identity);
+    append_times(after, source->takenAt, deliveredAt);
+    after += source->text(source->origin);
+    append_lengths(after, source->body.length, addresses.size());
     result->addresses = std::move(addresses);
     result->body = source->text(source->body);
     result->source = std::move(source);
@@ -67,12 +99,11 @@ outgoing outgoing_members(std::shared_ptr<const encoded_event> shared, slice lef
                           const member_notice &notice)
 {
     const event_class cls = notice.delta ? event_class::membership_delta : event_class::membership_list;
-    std::string text = "POST /event HTTP/1.1\r\nclassName: ";
-    text += event_class_name(cls);
-    text += "\r\nSubscriberID: " + std::to_string(subscriber);
+    std::string text(opening_of(cls));
+    append_number(text, subscriber);
     text += "\r\neventType: /ZEB/SYSTEM/MEMBERS\r\neventId: " + notice.id + "\r\n";
-    text += time_lines(notice.at, notice.at);
-    text += length_lines(0, shared->addresses.size() - leftOut.length);
+    append_times(text, notice.at, notice.at);
+    append_lengths(text, 0, shared->addresses.size() - leftOut.length);
     return {std::move(shared), std::move(text), false, leftOut};
 }
 

@@ -22,10 +22,10 @@ using connection_id = uint64_t;
 /* One event ready for any number of receivers. The wire has: before, the receiver's text, after, body,
  * addresses. */
 struct encoded_event {
-    std::string before;    /* up to and including "SubscriberID: " */
-    std::string after;     /* from the line end behind the identifier to the empty line */
-    std::string_view body; /* inside `source` */
-    std::string addresses; /* the address list */
+    std::string_view before; /* up to and including "SubscriberID: "; constant */
+    std::string after;       /* from the line end behind the identifier to the empty line */
+    std::string_view body;   /* inside `source` */
+    std::string addresses;   /* the address list */
     std::shared_ptr<const event> source;
     mutable uint32_t queues = 0; /* that hold it; kept by the queues, which count it once together */
 };

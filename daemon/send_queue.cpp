@@ -22,8 +22,7 @@ static size_t record_octets(const outgoing &item)
 
 static size_t shared_octets(const encoded_event &shared)
 {
-    size_t octets = sizeof(encoded_event) + shared.before.capacity() + shared.after.capacity() +
-                    shared.addresses.capacity();
+    size_t octets = sizeof(encoded_event) + shared.after.capacity() + shared.addresses.capacity();
     if (shared.source != nullptr)
         octets += sizeof(event) + shared.source->raw.capacity() +
                   shared.source->properties.capacity() * sizeof(property_slice);
