@@ -44,6 +44,24 @@ static zeb_notification *new_notification(void)
     return n;
 }
 
+/* Whether a body of LENGTH finds room in the arena as it is, aligned and with its NUL. */
+static bool fits_in_room(const zeb_notification *n, size_t length)
+{
+    return n->strings.left >= alignof(void *) && length < n->strings.left - alignof(void *);
+}
+
+/* Room for a body of LENGTH and the NUL behind it, with which text bodies can be shown as they are: in the
+ * notification's own allocation when it fits there. False when memory is out. */
+static bool make_body(zeb_notification *n, size_t length)
+{
+    n->bodyInRoom = fits_in_room(n, length);
+    n->body = static_cast<char *>(n->bodyInRoom ? ezeb_arena_alloc(&n->strings, length + 1)
+                                                : ezeb_malloc(length + 1));
+    if (n->body != nullptr)
+        n->body[length] = '\0';
+    return n->body != nullptr;
+}
+
 static const char *keep(zeb_notification *n, const char *s)
 {
     return ezeb_arena_strndup(&n->strings, s, strlen(s));
@@ -61,13 +79,9 @@ zeb_notification *ezeb_notification_create(const char *type, const void *body, i
     bool complete = n->type != nullptr;
     if (complete && bodyLength > 0) {
         const auto length = static_cast<size_t>(bodyLength);
-        n->body = static_cast<char *>(ezeb_malloc(length + 1));
-        complete = n->body != nullptr;
-        if (complete) {
+        complete = make_body(n, length);
+        if (complete)
             memcpy(n->body, body, length);
-            n->body[length] =
-                '\0'; /* as received bodies have it, so that text bodies can be shown as they are */
-        }
     }
     if (complete)
         return n;
@@ -79,7 +93,8 @@ void ezeb_notification_destroy(zeb_notification *n)
 {
     if (n == nullptr)
         return;
-    ezeb_free(n->body);
+    if (!n->bodyInRoom)
+        ezeb_free(n->body);
     ezeb_logicaladdr_destroy(&n->generatingAddress);
     ezeb_laddrlist_destroy(&n->destinationAddrs);
     ezeb_laddrlist_destroy(&n->memberList);
@@ -184,10 +199,15 @@ const void *ezeb_notification_body(const zeb_notification *n, int32_t *length)
     return n->body;
 }
 
-void ezeb_notification_body_forget(zeb_notification *n)
+char *ezeb_notification_body_take(zeb_notification *n)
 {
+    char *body = n->body;
+    if (n->bodyInRoom && body != nullptr)
+        body = static_cast<char *>(ezeb_memdup(body, static_cast<size_t>(n->bodyLength) + 1));
     n->body = nullptr;
     n->bodyLength = 0;
+    n->bodyInRoom = false;
+    return body;
 }
 
 /* ---- Addresses ---- */
@@ -257,13 +277,14 @@ static constexpr char illegal_value[] =
     "ILLEGAL PROPERTY VALUE [Property value must not contain '\\r' or '\\n']";
 
 /* Puts a node with copies at the head; false when memory is out. */
-static bool push_property(zeb_notification *n, const char *name, size_t namelength, const char *value)
+static bool push_property(zeb_notification *n, const char *name, size_t namelength, const char *value,
+                          size_t valuelength)
 {
     auto *node = static_cast<ezeb_propnode *>(ezeb_arena_alloc(&n->strings, sizeof(ezeb_propnode)));
     if (node == nullptr)
         return false;
     node->name = ezeb_arena_strndup(&n->strings, name, namelength);
-    node->value = keep(n, value);
+    node->value = ezeb_arena_strndup(&n->strings, value, valuelength);
     if (node->name == nullptr || node->value == nullptr)
         return false;
     node->next = n->properties;
@@ -279,7 +300,8 @@ int32_t ezeb_notification_setProperty(zeb_notification *n, const char *name, con
     const bool badname = strpbrk(name, ":\r\n") != nullptr;
     const bool badvalue = strpbrk(value, "\r\n") != nullptr;
     const char *storedname = badname ? illegal_name : name;
-    if (!push_property(n, storedname, strlen(storedname), badvalue ? illegal_value : value))
+    const char *storedvalue = badvalue ? illegal_value : value;
+    if (!push_property(n, storedname, strlen(storedname), storedvalue, strlen(storedvalue)))
         return -2;
     return badname || badvalue ? -1 : 0;
 }
@@ -349,23 +371,19 @@ int32_t ezeb_notification_set_streampublisher(zeb_notification *n, zeb_publisher
 
 /* ---- Writing ---- */
 
-/* NAME, with its colon and space, VALUE (null: empty) and the line end. */
-static int32_t write_header(ezeb_sb *sb, const char *name, const char *value)
+/* A literal, which names a header and ends the line before it, and the header's value; null: empty. */
+template <size_t N>
+static int32_t write_field(ezeb_sb *sb, const char (&literal)[N], const char *value)
 {
-    return ezeb_sb_puts(sb, name) && ezeb_sb_puts(sb, value) && ezeb_sb_write(sb, "\r\n", 2);
+    return ezeb_sb_write(sb, literal, N - 1) && ezeb_sb_puts(sb, value);
 }
 
-static int32_t write_number(ezeb_sb *sb, const char *name, int64_t value)
+template <size_t N>
+static int32_t write_number(ezeb_sb *sb, const char (&literal)[N], int64_t value)
 {
     char text[EZEB_INT_TEXT];
-    ezeb_int2str(text, value);
-    return write_header(sb, name, text);
-}
-
-static int32_t write_property(ezeb_sb *sb, const char *name, const char *value)
-{
-    return ezeb_sb_puts(sb, name) && ezeb_sb_write(sb, ": ", 2) && ezeb_sb_puts(sb, value) &&
-           ezeb_sb_write(sb, "\r\n", 2);
+    const char *end = ezeb_int2str(text, value);
+    return ezeb_sb_write(sb, literal, N - 1) && ezeb_sb_write(sb, text, static_cast<size_t>(end - text));
 }
 
 int32_t ezeb_write_proplist(const zeb_proplist *list, ezeb_sb *sb)
@@ -375,15 +393,17 @@ int32_t ezeb_write_proplist(const zeb_proplist *list, ezeb_sb *sb)
     const int32_t count = ezeb_proplist_count(list);
     int32_t ok = write_number(sb, "numberOfProperties: ", count);
     for (int32_t i = 0; ok && i < count; i++)
-        ok = write_property(sb, list->entries[i].name, list->entries[i].value);
-    return ok;
+        ok = write_field(sb, "\r\n", list->entries[i].name) && write_field(sb, ": ", list->entries[i].value);
+    return ok && ezeb_sb_write(sb, "\r\n", 2);
 }
 
 static int32_t write_properties(const zeb_notification *n, ezeb_sb *sb)
 {
-    int32_t ok = write_number(sb, "numberOfProperties: ", count_properties(n));
+    int32_t ok = n->localOnly != 0
+                     ? write_number(sb, "\r\nLocalOnly: true\r\nnumberOfProperties: ", count_properties(n))
+                     : write_number(sb, "\r\nLocalOnly: false\r\nnumberOfProperties: ", count_properties(n));
     for (const ezeb_propnode *node = n->properties; ok && node != nullptr; node = node->next)
-        ok = write_property(sb, node->name, node->value);
+        ok = write_field(sb, "\r\n", node->name) && write_field(sb, ": ", node->value);
     return ok;
 }
 
@@ -391,34 +411,33 @@ static int32_t write_properties(const zeb_notification *n, ezeb_sb *sb)
 static int32_t write_instancename(ezeb_runtime *rt, ezeb_sb *sb)
 {
     ezeb_sharedtext *name = ezeb_instancename_ref(rt);
-    const int32_t ok = ezeb_sb_puts(sb, "instanceName: ") &&
-                       (name == nullptr || ezeb_sb_write(sb, name->text, name->length)) &&
-                       ezeb_sb_write(sb, "\r\n", 2);
+    const int32_t ok = write_field(sb, "\r\ninstanceName: ", "") &&
+                       (name == nullptr || ezeb_sb_write(sb, name->text, name->length));
     ezeb_sharedtext_unref(name);
     return ok;
 }
 
 static int32_t write_origin(ezeb_runtime *rt, const zeb_notification *n, ezeb_sb *sb)
 {
-    return write_header(sb, "affectedComponents: ", n->affectedComponents) &&
-           write_header(sb, "affectedNodes: ", n->affectedNodes) &&
-           write_header(sb, "generatingComponent: ", n->generatingComponent) &&
-           write_header(sb, "generatingProcess: ", n->generatingProcess) &&
-           write_header(sb, "generatingNode: ", n->generatingNode) && write_instancename(rt, sb) &&
-           write_header(sb, "LocalOnly: ", n->localOnly != 0 ? "true" : "false") && write_properties(n, sb) &&
-           (n->cls != ZEB_CLASS_INCOMINGSTREAM || write_header(sb, "streamKey: ", n->streamKey));
+    return write_field(sb, "\r\naffectedComponents: ", n->affectedComponents) &&
+           write_field(sb, "\r\naffectedNodes: ", n->affectedNodes) &&
+           write_field(sb, "\r\ngeneratingComponent: ", n->generatingComponent) &&
+           write_field(sb, "\r\ngeneratingProcess: ", n->generatingProcess) &&
+           write_field(sb, "\r\ngeneratingNode: ", n->generatingNode) && write_instancename(rt, sb) &&
+           write_properties(n, sb) &&
+           (n->cls != ZEB_CLASS_INCOMINGSTREAM || write_field(sb, "\r\nstreamKey: ", n->streamKey));
 }
 
 static int32_t write_event(ezeb_runtime *rt, const zeb_notification *n, const void *addresses,
                            int32_t addresslength, ezeb_sb *sb)
 {
     const int32_t bodylength = n->bodyLength > 0 ? n->bodyLength : 0;
-    return ezeb_sb_puts(sb, "POST /event HTTP/1.1\r\n") &&
-           write_header(sb, "className: ", ezeb_notification_classname(n->cls)) &&
-           write_number(sb, "SubscriberID: ", n->subscriberId) && write_header(sb, "eventType: ", n->type) &&
-           write_header(sb, "eventId: ", n->id) && (!is_messagelike(n->cls) || write_origin(rt, n, sb)) &&
-           write_number(sb, "Content-Length: ", bodylength) &&
-           write_number(sb, "AddrList-Length: ", addresslength) && ezeb_sb_write(sb, "\r\n", 2) &&
+    return write_field(sb, "POST /event HTTP/1.1\r\nclassName: ", ezeb_notification_classname(n->cls)) &&
+           write_number(sb, "\r\nSubscriberID: ", n->subscriberId) &&
+           write_field(sb, "\r\neventType: ", n->type) && write_field(sb, "\r\neventId: ", n->id) &&
+           (!is_messagelike(n->cls) || write_origin(rt, n, sb)) &&
+           write_number(sb, "\r\nContent-Length: ", bodylength) &&
+           write_number(sb, "\r\nAddrList-Length: ", addresslength) && ezeb_sb_write(sb, "\r\n\r\n", 4) &&
            ezeb_sb_write(sb, n->body, static_cast<size_t>(bodylength)) &&
            ezeb_sb_write(sb, addresses, static_cast<size_t>(addresslength)) && ezeb_sb_flush(sb);
 }
@@ -457,10 +476,11 @@ static constexpr size_t skip_of(const char (&)[N])
 
 static bool read_string(zeb_notification *n, ezeb_sb *sb, size_t skip, const char **field)
 {
-    const char *value = read_value(sb, skip);
-    if (value == nullptr)
+    char *value;
+    size_t length;
+    if (!ezeb_sb_skip(sb, skip) || !ezeb_sb_getline(sb, &value, &length))
         return false;
-    *field = keep(n, value);
+    *field = ezeb_arena_strndup(&n->strings, value, length);
     return *field != nullptr;
 }
 
@@ -521,13 +541,14 @@ static bool read_ids(ezeb_sb *sb, int32_t **ids, int32_t *idcount)
 
 /* A line without a colon counts, but gives no property. The byte behind the colon is dropped, whatever it is.
  */
-static bool take_property(zeb_notification *n, const char *line)
+static bool take_property(zeb_notification *n, const char *line, size_t length)
 {
     const char *colon = strchr(line, ':');
     if (colon == nullptr)
         return true;
     const char *value = colon[1] != '\0' ? colon + 2 : colon + 1;
-    return push_property(n, line, static_cast<size_t>(colon - line), value);
+    return push_property(n, line, static_cast<size_t>(colon - line), value,
+                         static_cast<size_t>(line + length - value));
 }
 
 /* The writer sends the list from its head and each line is pushed at the head here, so it arrives in reverse.
@@ -538,8 +559,9 @@ static bool read_properties(zeb_notification *n, ezeb_sb *sb)
     if (!read_int(sb, skip_of("numberOfProperties: "), &count))
         return false;
     char *line;
+    size_t length;
     for (int32_t i = 0; i < count; i++) {
-        if (!ezeb_sb_gets(sb, &line) || !take_property(n, line))
+        if (!ezeb_sb_getline(sb, &line, &length) || !take_property(n, line, length))
             return false;
     }
     return true;
@@ -591,6 +613,20 @@ static char *read_block(ezeb_sb *sb, int32_t length)
     return block;
 }
 
+/* A piece of a stream has its body taken out, so that one stands alone. */
+static bool read_body(zeb_notification *n, ezeb_sb *sb, int32_t length)
+{
+    const auto wanted = static_cast<size_t>(length);
+    if (n->cls != ZEB_CLASS_INCOMINGSTREAM && fits_in_room(n, wanted)) {
+        if (!make_body(n, wanted) || !ezeb_sb_readbytes(sb, n->body, wanted))
+            return false;
+    } else {
+        n->body = read_block(sb, length);
+    }
+    n->bodyLength = length;
+    return n->body != nullptr;
+}
+
 static bool read_addresses(zeb_notification *n, ezeb_sb *sb, int32_t length)
 {
     char *bytes = read_block(sb, length);
@@ -612,12 +648,8 @@ static bool read_blocks(zeb_notification *n, ezeb_sb *sb)
     if (!read_int(sb, skip_of("Content-Length: "), &bodylength) ||
         !read_int(sb, skip_of("AddrList-Length: "), &addresslength) || !ezeb_sb_skip(sb, EMPTY_LINE))
         return false;
-    if (bodylength > 0) {
-        n->body = read_block(sb, bodylength);
-        if (n->body == nullptr)
-            return false;
-        n->bodyLength = bodylength;
-    }
+    if (bodylength > 0 && !read_body(n, sb, bodylength))
+        return false;
     return addresslength < 1 || read_addresses(n, sb, addresslength);
 }
 

@@ -50,6 +50,7 @@ static bool insert(ezeb_queue *queue, ezeb_queue_cell *cell, bool first)
     const ezeb_locked hold(&queue->lock);
     if (refuses(queue))
         return false;
+    cell->next = nullptr;
     if (first)
         link_first_locked(queue, cell);
     else
@@ -74,6 +75,12 @@ static int32_t add(ezeb_queue *queue, void *element, bool first)
     return 0;
 }
 
+static int32_t add_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element, bool first)
+{
+    *cell = {element, nullptr, true};
+    return insert(queue, cell, first);
+}
+
 int32_t ezeb_queue_enqueue(ezeb_queue *queue, void *element)
 {
     return add(queue, element, false);
@@ -84,10 +91,25 @@ int32_t ezeb_queue_push(ezeb_queue *queue, void *element)
     return add(queue, element, true);
 }
 
+int32_t ezeb_queue_enqueue_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element)
+{
+    return add_cell(queue, cell, element, false);
+}
+
+int32_t ezeb_queue_push_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element)
+{
+    return add_cell(queue, cell, element, true);
+}
+
 int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell)
 {
-    cell->next = nullptr;
     return insert(queue, cell, true);
+}
+
+void ezeb_queue_cell_free(ezeb_queue_cell *cell)
+{
+    if (!cell->isElements)
+        ezeb_free(cell);
 }
 
 static void wait_for_element_locked(ezeb_queue *queue, int64_t timeout) EZEB_REQUIRES(queue->lock)
@@ -148,7 +170,7 @@ void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout)
     if (cell == nullptr)
         return nullptr;
     void *element = cell->element;
-    ezeb_free(cell);
+    ezeb_queue_cell_free(cell);
     return element;
 }
 
@@ -218,9 +240,10 @@ static void release_cells(ezeb_queue_cell *cell, ezeb_queue_free free)
 {
     while (cell != nullptr) {
         ezeb_queue_cell *next = cell->next;
+        void *element = cell->element;
+        ezeb_queue_cell_free(cell); /* first: the other kind goes with its element */
         if (free != nullptr)
-            free(cell->element);
-        ezeb_free(cell);
+            free(element);
         cell = next;
     }
 }
@@ -289,7 +312,7 @@ int32_t ezeb_queue_iterate_remove_current(ezeb_queue *queue)
         if (cell == queue->tail)
             queue->tail = queue->iterPrev == queue->head ? nullptr : queue->iterPrev;
     }
-    ezeb_free(cell);
+    ezeb_queue_cell_free(cell);
     queue->iterCurrent = nullptr;
     ezeb_flag_set(&queue->length, queue->length - 1);
     announce_emptied_locked(queue);

@@ -7,7 +7,10 @@
 #include "ezebutil.h"
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 ezeb_sb *ezeb_sb_create(int32_t fd)
@@ -91,6 +94,12 @@ static bool fill(ezeb_sb *sb)
 
 int32_t ezeb_sb_gets(ezeb_sb *sb, char **line)
 {
+    size_t length;
+    return ezeb_sb_getline(sb, line, &length);
+}
+
+int32_t ezeb_sb_getline(ezeb_sb *sb, char **line, size_t *length)
+{
     if (!is_valid(sb))
         return 0;
     if (sb->scanned < sb->start)
@@ -104,8 +113,10 @@ int32_t ezeb_sb_gets(ezeb_sb *sb, char **line)
     }
     const uint32_t at = static_cast<uint32_t>(feed - sb->buf);
     const bool cr = at > sb->start && feed[-1] == '\r';
-    feed[cr ? -1 : 0] = '\0';
+    char *end = cr ? feed - 1 : feed;
+    *end = '\0';
     *line = sb->buf + sb->start;
+    *length = static_cast<size_t>(end - *line);
     sb->start = at + 1;
     sb->scanned = sb->start;
     return 1;
@@ -158,12 +169,20 @@ int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length)
 
 /* ---- Writing ---- */
 
+/* One call. What is known to be followed by more may wait in the kernel for it, so that small messages in a
+ * row share segments; without that, and with Nagle's algorithm off, each would go in one of its own. */
+static ssize_t write_some(ezeb_sb *sb, const char *data, size_t length, bool more)
+{
+    sb->heldBack = more;
+    return send(sb->fd, data, length, more ? MSG_MORE : 0);
+}
+
 /* Writes everything. On a blocking socket a short count means that the connection is failing: the next write
  * says so. */
-static bool write_all(ezeb_sb *sb, const char *data, size_t length)
+static bool write_all(ezeb_sb *sb, const char *data, size_t length, bool more)
 {
     while (length > 0) {
-        const ssize_t n = write(sb->fd, data, length);
+        const ssize_t n = write_some(sb, data, length, more);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -175,15 +194,25 @@ static bool write_all(ezeb_sb *sb, const char *data, size_t length)
     return true;
 }
 
+/* Hands what is pending to the kernel in one call. */
+static bool flush(ezeb_sb *sb, bool more)
+{
+    const uint32_t pending = sb->end;
+    sb->start = 0;
+    sb->end = 0;
+    sb->scanned = 0;
+    return write_all(sb, sb->buf, pending, more);
+}
+
 int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length)
 {
     if (!is_valid(sb))
         return 0;
     if (sb->capacity - sb->end < length) {
-        if (!ezeb_sb_flush(sb))
+        if (!flush(sb, true))
             return 0;
         if (length > sb->capacity)
-            return write_all(sb, static_cast<const char *>(data), length);
+            return write_all(sb, static_cast<const char *>(data), length, sb->moreFollows);
     }
     if (length > 0)
         memcpy(sb->buf + sb->end, data, length);
@@ -198,11 +227,20 @@ int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s)
 
 int32_t ezeb_sb_flush(ezeb_sb *sb)
 {
-    if (!is_valid(sb))
-        return 0;
-    const uint32_t pending = sb->end;
-    sb->start = 0;
-    sb->end = 0;
-    sb->scanned = 0;
-    return write_all(sb, sb->buf, pending);
+    return is_valid(sb) && flush(sb, sb->moreFollows);
+}
+
+void ezeb_sb_more(ezeb_sb *sb, bool follows)
+{
+    sb->moreFollows = follows;
+}
+
+/* Setting the option sends what the kernel keeps. */
+void ezeb_sb_release(ezeb_sb *sb)
+{
+    if (!sb->heldBack)
+        return;
+    const int on = 1;
+    setsockopt(sb->fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    sb->heldBack = false;
 }

@@ -16,11 +16,6 @@
 
 enum { ITEM_SUBSCRIPTION = 0, ITEM_NOTIFICATION = 1 };
 
-struct ezeb_senditem {
-    int32_t kind;
-    void *payload; /* ezeb_subsmsg or zeb_notification, owned */
-};
-
 enum { FIRST_RETRY_US = 1000, LAST_RETRY_US = 50000, GRACE_SECONDS = 1 };
 
 static void free_item(void *element)
@@ -30,7 +25,6 @@ static void free_item(void *element)
         ezeb_notification_destroy(static_cast<zeb_notification *>(item->payload));
     else
         ezeb_subsmsg_free(static_cast<ezeb_subsmsg *>(item->payload));
-    ezeb_free(item);
 }
 
 int ezeb_sendthread_prepare(ezebsendctx *send)
@@ -52,24 +46,18 @@ void ezeb_sendthread_discard(ezebsendctx *send)
 
 /* ---- Queueing, on any thread ---- */
 
-static int32_t enqueue(ezeb_runtime *rt, int32_t kind, void *payload)
+static int32_t enqueue(ezeb_runtime *rt, ezeb_senditem *item, int32_t kind, void *payload)
 {
-    auto *item = ezeb_new<ezeb_senditem>();
-    if (item == nullptr)
-        return 0;
     item->kind = kind;
     item->payload = payload;
-    if (ezeb_queue_enqueue(rt->send.queue, item))
-        return 1;
-    ezeb_free(item);
-    return 0;
+    return ezeb_queue_enqueue_cell(rt->send.queue, &item->cell, item);
 }
 
 int32_t ezeb_sendthread_sendevent(ezeb_runtime *rt, zeb_notification *n)
 {
     if (n == nullptr)
         return 0;
-    if (enqueue(rt, ITEM_NOTIFICATION, n))
+    if (enqueue(rt, &n->item, ITEM_NOTIFICATION, n))
         return 1;
     ezeb_notification_destroy(n);
     return 0;
@@ -77,7 +65,7 @@ int32_t ezeb_sendthread_sendevent(ezeb_runtime *rt, zeb_notification *n)
 
 int32_t ezeb_sendthread_sendsubs(ezeb_runtime *rt, ezeb_subsmsg *request)
 {
-    return request != nullptr ? enqueue(rt, ITEM_SUBSCRIPTION, request) : 0;
+    return request != nullptr ? enqueue(rt, &request->item, ITEM_SUBSCRIPTION, request) : 0;
 }
 
 /* The request in ELEMENT, or null when it holds something else. */
@@ -236,6 +224,7 @@ static bool try_write(ezeb_runtime *rt, const ezeb_senditem *item, send_progress
 {
     ezeb_sb *sb = rt->send.sb;
     const uint64_t before = sb->sent;
+    ezeb_sb_more(sb, ezeb_queue_length(rt->send.queue) > 0);
     if (write_item(item, rt, sb)) {
         progress->retry_us = FIRST_RETRY_US;
         return true;
@@ -256,8 +245,7 @@ static void send_item(ezeb_runtime *rt, send_progress *progress, ezeb_queue_cell
         if (take_connection(rt, progress))
             try_write(rt, item, progress);
     }
-    ezeb_free(cell);
-    free_item(item);
+    free_item(item); /* with the cell in it */
 }
 
 /* Waits for an item and sends it. A connection that was lost meanwhile is left without taking the item out of
@@ -265,7 +253,10 @@ static void send_item(ezeb_runtime *rt, send_progress *progress, ezeb_queue_cell
 static void send_next(ezeb_runtime *rt, send_progress *progress) EZEB_NO_ANALYSIS
 {
     ezebsendctx *send = &rt->send;
-    ezeb_queue_await(send->queue);
+    if (ezeb_queue_length(send->queue) == 0) {
+        ezeb_sb_release(send->sb);
+        ezeb_queue_await(send->queue);
+    }
     const ezeb_locked hold(&send->hand);
     if (!ezeb_connection_alive(send->connection)) {
         leave_connection(send, progress, send->sb, send->connection, 0);

@@ -146,9 +146,12 @@ static zeb_instream *instream_create(const char *key)
     return nullptr;
 }
 
-/* Takes DATA. False when nobody will read it: the application has closed the stream, or memory is out. */
+/* Takes DATA. False when nobody will read it: the application has closed the stream, or memory is out, for
+ * which DATA may be null. */
 static bool instream_feed(zeb_instream *stream, char *data, int32_t length)
 {
+    if (data == nullptr && length > 0)
+        return false;
     ezeb_streamchunk *chunk = ezeb_flag_get(&stream->closed) == 0 ? ezeb_new<ezeb_streamchunk>() : nullptr;
     if (chunk == nullptr) {
         ezeb_free(data);
@@ -310,9 +313,8 @@ zeb_notification *ezeb_streamtbl_take(ezeb_streamtbl *table, zeb_notification *n
         return nullptr;
     }
     const bool ends = ezeb_notification_isEndOfStream(n) != 0;
-    char *data = n->body;
     const int32_t length = n->bodyLength;
-    ezeb_notification_body_forget(n);
+    char *data = ezeb_notification_body_take(n);
     if (!instream_feed(stream, data, length) && ends)
         ezeb_queue_finish(stream->chunks); /* the mark is lost; nobody may wait for it */
     if (ends && !first) {

@@ -426,7 +426,7 @@ void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notifica
         n = ezeb_streamtbl_take(sub->streams, n);
     if (n == nullptr)
         return; /* a later piece of a stream */
-    if (!starts_own_thread(rt, sub, n) && !ezeb_queue_enqueue(sub->queue, n))
+    if (!starts_own_thread(rt, sub, n) && !ezeb_queue_enqueue_cell(sub->queue, &n->item.cell, n))
         ezeb_notification_destroy(n);
     signal_list(sub);
 }
@@ -559,7 +559,7 @@ static zeb_subscriber_callback current_callback(const dispatch *d, zeb_notificat
     }
     if (callback != nullptr)
         return callback;
-    if (ezeb_queue_push(sub->queue, n))
+    if (ezeb_queue_push_cell(sub->queue, &n->item.cell, n))
         signal_list(sub);
     else
         ezeb_notification_destroy(n);

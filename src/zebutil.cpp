@@ -299,7 +299,7 @@ void ezeb_arena_init(ezeb_arena *arena, void *firstblock, size_t size)
     arena->blocks = nullptr;
 }
 
-/* SIZE bytes at the next address; blocks double, so that any number of requests costs a few of them. */
+/* Blocks double, so that any number of requests costs a few of them. */
 static char *arena_take(ezeb_arena *arena, size_t size)
 {
     if (arena->left < size) {

@@ -4,6 +4,7 @@
 #define EZEBNOTIFICATION_H
 
 #include "ezebsbuf.h"
+#include "ezebsendthread.h"
 #include "ezebutil.h"
 
 #include "zeb.h"
@@ -22,12 +23,13 @@ struct ezeb_handing {
     bool gone;
 };
 
-/* Room for strings in the notification's own allocation: a usual event needs no other. */
-enum { EZEB_NOTIFICATION_INLINE = 512 };
+/* Room for strings, properties and body in the notification's own allocation: a usual event needs no other.
+ */
+enum { EZEB_NOTIFICATION_INLINE = 704 };
 
 /* Used by one thread at a time: the application until publish, then the send thread; the receive thread until
- * delivery, then the application. Strings and property nodes stand in the arena; body and addresses have
- * allocations of their own. */
+ * delivery, then the application. Strings and property nodes stand in the arena, and so does a body that
+ * fits; addresses have allocations of their own. */
 struct zeb_notification {
     uint32_t cls;
     int32_t localOnly;
@@ -52,6 +54,7 @@ struct zeb_notification {
         inputStreamHanded; /* the application has the handle; until then the stream's end is this record's */
     ezeb_propnode *properties; /* newest first */
     char *body;
+    bool bodyInRoom; /* it is not an allocation of its own */
     zeb_logicaladdr *generatingAddress;
     zeb_laddrlist *destinationAddrs;
     zeb_laddrlist *memberList;
@@ -64,6 +67,8 @@ struct zeb_notification {
     zeb_notification *heldPrev;
     ezeb_handing *handing; /* set while a call-back runs with it */
 
+    ezeb_senditem item; /* while it waits to be sent, or its cell alone, to be received */
+
     ezeb_arena strings;
     alignas(void *) char room[EZEB_NOTIFICATION_INLINE];
 };
@@ -73,7 +78,10 @@ void ezeb_notification_destroy(zeb_notification *n); /* null is ignored */
 void ezeb_notification_setClass(zeb_notification *n, uint32_t cls);
 const char *ezeb_notification_classname(uint32_t cls); /* values above 8 count as 8 */
 const char *ezeb_notification_getStreamKey(const zeb_notification *n);
-void ezeb_notification_body_forget(zeb_notification *n); /* the caller has taken the body over */
+
+/* Takes the body out: the caller frees it. Null when there is none, and when memory is out for one that
+ * shares the notification's allocation. */
+char *ezeb_notification_body_take(zeb_notification *n);
 
 /* Fills the origin fields with copies; 0 when memory is out. */
 int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component, const char *node,

@@ -8,6 +8,7 @@
 struct ezeb_queue_cell {
     void *element;
     ezeb_queue_cell *next;
+    bool isElements; /* stands in the element, and is released with it */
 };
 
 struct ezeb_queue {
@@ -37,14 +38,20 @@ ezeb_queue *ezeb_queue_create(void); /* or null */
 int32_t ezeb_queue_enqueue(ezeb_queue *queue, void *element);
 int32_t ezeb_queue_push(ezeb_queue *queue, void *element);
 
+/* The same with a cell that stands in ELEMENT itself, for which no memory is needed. It may be in one queue
+ * at a time. */
+int32_t ezeb_queue_enqueue_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element);
+int32_t ezeb_queue_push_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element);
+
 /* Takes the first element, or null. With WAIT, waits TIMEOUT ms for one (0 or less: without limit, until one
  * comes or the queue drains or shuts down). A limited wait is one single wait, which may end early. */
 void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout);
 
-/* The same with the first element's cell, which the caller releases; and back in front with it, for which no
- * memory is needed. 0 when draining or shutting down: the cell stays the caller's. */
+/* The same with the first element's cell, which the caller releases with the third; and back in front with
+ * it, for which no memory is needed. 0 when draining or shutting down: the cell stays the caller's. */
 ezeb_queue_cell *ezeb_queue_take(ezeb_queue *queue, int32_t wait, int64_t timeout);
 int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell);
+void ezeb_queue_cell_free(ezeb_queue_cell *cell);
 
 /* Waits until there is an element, or none will come; takes nothing. */
 void ezeb_queue_await(ezeb_queue *queue);

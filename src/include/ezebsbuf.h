@@ -16,8 +16,10 @@ struct ezeb_sb {
     uint32_t end;     /* behind the last byte read, or the last byte waiting to be written */
     uint32_t scanned; /* a line end is known not to be before this; keeps long lines linear */
     int32_t fd;
-    int32_t valid; /* cleared by any thread, through ezeb_flag_set */
-    uint64_t sent; /* bytes handed to the kernel since creation */
+    int32_t valid;    /* cleared by any thread, through ezeb_flag_set */
+    bool moreFollows; /* what is flushed will be followed by another message at once */
+    bool heldBack;    /* the kernel may keep what was written last until more comes */
+    uint64_t sent;    /* bytes handed to the kernel since creation */
 };
 
 ezeb_sb *ezeb_sb_create(int32_t fd); /* null when FD is -1 or memory is out */
@@ -28,6 +30,7 @@ void ezeb_sb_invalidate(ezeb_sb *sb);
 /* Next line without its line feed and one carriage return before it. *LINE lives until the next call on this
  * buffer. Lines have no limit but memory. */
 int32_t ezeb_sb_gets(ezeb_sb *sb, char **line);
+int32_t ezeb_sb_getline(ezeb_sb *sb, char **line, size_t *length); /* the same, with its length */
 
 /* Exactly LENGTH bytes. A failure says on standard error how many are missing; the second form counts LATER
  * bytes more, which the caller would have asked for next. */
@@ -38,5 +41,10 @@ int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length);
 int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length);
 int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s); /* a string; null writes nothing */
 int32_t ezeb_sb_flush(ezeb_sb *sb);
+
+/* Whether the messages from here on will be followed by another one at once: then the kernel may keep what is
+ * flushed, to send it with what follows. The second sends what is kept, should nothing have followed. */
+void ezeb_sb_more(ezeb_sb *sb, bool follows);
+void ezeb_sb_release(ezeb_sb *sb);
 
 #endif

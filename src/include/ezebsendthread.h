@@ -13,6 +13,13 @@
 struct ezeb_runtime;
 struct ezeb_subsmsg;
 
+/* What is queued for sending. It stands in its payload, so that queueing needs no memory. */
+struct ezeb_senditem {
+    ezeb_queue_cell cell;
+    int32_t kind;
+    void *payload; /* ezeb_subsmsg or zeb_notification */
+};
+
 struct ezebsendctx {
     ezeb_queue *queue;    /* constant; of ezeb_senditem, which it owns */
     int32_t shuttingdown; /* one-way flags, through ezeb_flag_get */
@@ -32,7 +39,7 @@ void ezeb_sendthread_discard(
 
 void *ezeb_sendthread(void *runtime);
 
-/* Queues N for sending and takes it in every case. 1, or 0 when it could not be queued and was destroyed; 0
+/* Queues N for sending and takes it in every case. 1, or 0 when the queue refused it and it was destroyed; 0
  * for null. */
 int32_t ezeb_sendthread_sendevent(ezeb_runtime *rt, zeb_notification *n);
 

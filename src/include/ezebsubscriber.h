@@ -5,6 +5,7 @@
 #include "ezeblock.h"
 #include "ezebqueue.h"
 #include "ezebsbuf.h"
+#include "ezebsendthread.h"
 #include "ezebstream.h"
 
 #include "zeb.h"
@@ -25,6 +26,7 @@ struct ezeb_subsmsg {
     char *membershipInterest;
     int32_t deltas;
     zeb_proplist *properties;
+    ezeb_senditem item; /* while it waits to be sent */
 };
 
 /* What is known of the daemon's answer. */

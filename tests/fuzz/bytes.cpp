@@ -29,6 +29,7 @@ size_t fuzz::unread()
 
 extern "C" ssize_t __real_read(int fd, void *buffer, size_t length);
 extern "C" ssize_t __real_write(int fd, const void *buffer, size_t length);
+extern "C" ssize_t __real_send(int fd, const void *buffer, size_t length, int flags);
 
 extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t length)
 {
@@ -48,4 +49,11 @@ extern "C" ssize_t __wrap_write(int fd, const void *buffer, size_t length)
     if (fd == fuzz::descriptor || fd == STDERR_FILENO)
         return static_cast<ssize_t>(length);
     return __real_write(fd, buffer, length);
+}
+
+extern "C" ssize_t __wrap_send(int fd, const void *buffer, size_t length, int flags)
+{
+    if (fd == fuzz::descriptor)
+        return static_cast<ssize_t>(length);
+    return __real_send(fd, buffer, length, flags);
 }

@@ -124,6 +124,7 @@ int __real_socket(int family, int type, int protocol);
 int __real_connect(int fd, const sockaddr *address, socklen_t length);
 ssize_t __real_read(int fd, void *to, size_t size);
 ssize_t __real_write(int fd, const void *from, size_t size);
+ssize_t __real_send(int fd, const void *from, size_t size, int flags);
 int __real_fcntl(int fd, int command, ...);
 int __real_open(const char *path, int flags, ...);
 int __real_fstat(int fd, struct stat *status);
@@ -136,6 +137,7 @@ int __wrap_socket(int family, int type, int protocol);
 int __wrap_connect(int fd, const sockaddr *address, socklen_t length);
 ssize_t __wrap_read(int fd, void *to, size_t size);
 ssize_t __wrap_write(int fd, const void *from, size_t size);
+ssize_t __wrap_send(int fd, const void *from, size_t size, int flags);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_open(const char *path, int flags, ...);
 int __wrap_fstat(int fd, struct stat *status);
@@ -177,6 +179,17 @@ ssize_t __wrap_write(int fd, const void *from, size_t size)
     return __real_write(fd, from,
                         f != nullptr && size > static_cast<size_t>(f->atmost) ? static_cast<size_t>(f->atmost)
                                                                               : size);
+}
+
+ssize_t __wrap_send(int fd, const void *from, size_t size, int flags)
+{
+    const fault *f = fault_of(WRITE);
+    if (f != nullptr && f->error != 0) {
+        errno = f->error;
+        return -1;
+    }
+    const bool cut = f != nullptr && size > static_cast<size_t>(f->atmost);
+    return __real_send(fd, from, cut ? static_cast<size_t>(f->atmost) : size, flags);
 }
 
 int __wrap_fcntl(int fd, int command, ...)

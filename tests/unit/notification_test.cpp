@@ -257,12 +257,11 @@ TEST_F(Notification, PublishInformationWithoutMemoryIsReported)
     });
 }
 
-TEST_F(Notification, AForgottenBodyIsTheCallers)
+TEST_F(Notification, ABodyTakenOutIsTheCallers)
 {
     zeb_notification *other = zeb_notification_create("t", "body", 4);
     int32_t length = 0;
-    auto *body = static_cast<char *>(const_cast<void *>(zeb_notification_body(other, &length)));
-    ezeb_notification_body_forget(other);
+    char *body = ezeb_notification_body_take(other);
     EXPECT_EQ(zeb_notification_body(other, &length), nullptr);
     EXPECT_EQ(length, 0);
     ezeb_notification_destroy(other);

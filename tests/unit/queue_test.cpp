@@ -462,6 +462,31 @@ TEST_F(Queue, ACellThatIsPutBackIsFirstAgainAndNeedsNoMemory)
     EXPECT_EQ(contents(), (std::vector<uintptr_t>{1, 2, 3}));
 }
 
+/* Cells that stand in their elements: queueing needs no memory, and releases none. */
+TEST_F(Queue, AnElementMayBringItsCell)
+{
+    ezeb_queue_cell cells[4] = {};
+    fill(1);
+    unit::refusal none(1, true);
+    none.begin();
+    EXPECT_EQ(ezeb_queue_enqueue_cell(queue, &cells[0], element(2)), 1);
+    EXPECT_EQ(ezeb_queue_enqueue_cell(queue, &cells[1], element(3)), 1);
+    EXPECT_EQ(ezeb_queue_push_cell(queue, &cells[2], element(4)), 1);
+    none.end();
+    EXPECT_FALSE(none.happened());
+    EXPECT_EQ(contents(), (numbers{4, 1, 2, 3}));
+    EXPECT_EQ(take(), 4U);
+    EXPECT_EQ(ezeb_queue_enqueue_cell(queue, &cells[2], element(5)), 1) << "the same cell once more";
+    ASSERT_TRUE(ezeb_queue_iterate_start(queue));
+    while (void *found = ezeb_queue_iterate_next(queue))
+        if (numberOf(found) == 2)
+            ezeb_queue_iterate_remove_current(queue);
+    ezeb_queue_iterate_end(queue);
+    EXPECT_EQ(contents(), (numbers{1, 3, 5}));
+    EXPECT_EQ(ezeb_queue_close(queue, nullptr), 1);
+    EXPECT_EQ(ezeb_queue_enqueue_cell(queue, &cells[3], element(6)), 0);
+}
+
 TEST_F(Queue, ACellIsNotPutBackIntoAQueueThatIsShutDown)
 {
     fill(1);
@@ -576,8 +601,8 @@ TEST_F(Queue, ShutdownDoesNotWaitForAQueueThatStaysFull)
         const ezeb_locked hold(&queue->lock);
         auto *second = static_cast<ezeb_queue_cell *>(calloc(1, sizeof(ezeb_queue_cell)));
         auto *first = static_cast<ezeb_queue_cell *>(calloc(1, sizeof(ezeb_queue_cell)));
-        *first = {element(1), second};
-        *second = {element(2), nullptr};
+        *first = {element(1), second, false};
+        *second = {element(2), nullptr, false};
         queue->head = first;
         queue->tail = second;
         ezeb_flag_set(&queue->length, 2);

@@ -10,7 +10,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <random>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <thread>
 #include <vector>
 
@@ -352,6 +357,72 @@ TEST_F(SbufCalls, AWriteOfExactlyTheCapacityIsStillCollected)
     EXPECT_EQ(calls(), (std::vector<ssize_t>{4}));
     EXPECT_EQ(ezeb_sb_flush(sb), 1);
     EXPECT_EQ(calls(), (std::vector<ssize_t>{2048}));
+}
+
+/* Over TCP, where the kernel tells how much of what was written has not been sent. */
+struct SbufTcp : testing::Test {
+    int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int near = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ezeb_sb *sb = ezeb_sb_create(near);
+
+    SbufTcp()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        EXPECT_EQ(bind(listening, reinterpret_cast<sockaddr *>(&address), length), 0);
+        EXPECT_EQ(listen(listening, 1), 0);
+        EXPECT_EQ(getsockname(listening, reinterpret_cast<sockaddr *>(&address), &length), 0);
+        EXPECT_EQ(connect(near, reinterpret_cast<sockaddr *>(&address), length), 0);
+        const int on = 1;
+        EXPECT_EQ(setsockopt(near, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)), 0);
+    }
+    ~SbufTcp() override
+    {
+        ezeb_sb_free(sb);
+        close(near);
+        close(listening);
+    }
+    int unsent() const
+    {
+        int octets = -1;
+        ioctl(near, SIOCOUTQNSD, &octets);
+        return octets;
+    }
+};
+
+TEST_F(SbufTcp, WhatMoreFollowsIsKeptUntilTheLastGoesOut)
+{
+    ezeb_sb_more(sb, true);
+    ezeb_sb_write(sb, "first", 5);
+    EXPECT_EQ(ezeb_sb_flush(sb), 1);
+    EXPECT_EQ(unsent(), 5);
+    ezeb_sb_more(sb, false);
+    ezeb_sb_write(sb, "last", 4);
+    EXPECT_EQ(ezeb_sb_flush(sb), 1);
+    EXPECT_EQ(unsent(), 0);
+    EXPECT_EQ(sb->sent, 9U);
+}
+
+TEST_F(SbufTcp, ReleasingSendsWhatIsKept)
+{
+    ezeb_sb_more(sb, true);
+    ezeb_sb_write(sb, "first", 5);
+    EXPECT_EQ(ezeb_sb_flush(sb), 1);
+    EXPECT_EQ(unsent(), 5);
+    ezeb_sb_release(sb);
+    EXPECT_EQ(unsent(), 0);
+}
+
+/* The header of a message whose body is written by itself does not go in a segment of its own. */
+TEST_F(SbufTcp, PendingBytesAreKeptForTheBigWriteBehindThem)
+{
+    ezeb_sb_write(sb, "head", 4);
+    EXPECT_NE(ezeb_sb_write(sb, std::string(2048, 'c').data(), 2048), 0);
+    EXPECT_EQ(unsent(), 4);
+    EXPECT_EQ(ezeb_sb_flush(sb), 1);
+    EXPECT_EQ(unsent(), 0);
 }
 
 struct SbufGone : Sbuf {
