@@ -106,7 +106,7 @@ void stamp(std::string &body, uint64_t sequence)
 class window
 {
   public:
-    window() : width(number("window", 0))
+    window() : width(number("window", 0)), slots(number("slots", 1))
     {
         if (width > 0)
             page.emplace(text("progress"));
@@ -117,16 +117,17 @@ class window
         if (width == 0 || sequence < known + width)
             return;
         const uint64_t begin = nanoseconds();
-        while (sequence >= (known = page->least(number("slots", 1))) + width) {
+        /* Once held back, it waits for half of the window, so that it does not sleep for every few events. */
+        while (sequence >= (known = page->least(slots)) + width / 2) {
             if (nanoseconds() - begin > 10'000'000'000)
                 fail("nobody receives any more");
-            const timespec pause = {0, 50000};
+            const timespec pause = {0, 100000};
             nanosleep(&pause, nullptr);
         }
     }
 
   private:
-    uint64_t width, known = 0;
+    uint64_t width, slots, known = 0;
     std::optional<progress_page> page;
 };
 
@@ -166,7 +167,7 @@ void publish()
 /* ---- Subscribing ---- */
 
 figures found;
-uint64_t wanted = 0, nextSequence = 0, processorBefore = 0;
+uint64_t wanted = 0, slot = 0, nextSequence = 0, processorBefore = 0;
 bool takesLatency = false;
 std::atomic<uint64_t> taken{0};
 std::optional<progress_page> page;
@@ -210,7 +211,7 @@ bool take(const event &e)
         found.first = now;
     found.last = now;
     taken.store(found.events, std::memory_order_relaxed);
-    page->set(number("slot", 0), found.events);
+    page->set(slot, found.events);
     return found.events < wanted;
 }
 
@@ -231,6 +232,7 @@ void watch()
 void subscribe()
 {
     wanted = number("count", 0);
+    slot = number("slot", 0);
     takesLatency = number("latency", 0) != 0;
     if (takesLatency)
         found.latencies.reserve(wanted);
