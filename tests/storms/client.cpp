@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <malloc.h>
 #include <map>
 #include <mutex>
 #include <string>
@@ -151,8 +152,9 @@ std::thread subscribe(const std::string &mode)
 
 /* ---- Churn: everything is made, used and closed again, whatever becomes of the connection ---- */
 
-constexpr int32_t limit = 2000; /* of each wait, in milliseconds */
-std::mutex churning;            /* held during a round; guards what follows */
+constexpr int32_t limit = 2000;  /* of each wait, in milliseconds */
+constexpr int churnPause = 1000; /* between two rounds, in milliseconds */
+std::mutex churning;             /* held during a round; guards what follows */
 bool wantsChurn = false;
 std::atomic<uint64_t> rounds{0}; /* read without it */
 
@@ -239,7 +241,7 @@ void churn_on()
                 rounds++;
             }
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::this_thread::sleep_for(std::chrono::milliseconds(churnPause));
     }
 }
 
@@ -261,6 +263,7 @@ void report()
             line += ":" + std::to_string(number);
     }
     printf("%s\n", line.c_str());
+    malloc_trim(0); /* so that it shows what is in use, and not what once was */
 }
 
 void save(const std::string &into)

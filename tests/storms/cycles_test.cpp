@@ -1,5 +1,5 @@
 /* The runtime started and ended again and again: with a daemon and without one, counted, from several
- * threads, with a daemon that stands still, and not ended at all. In the end nothing is held. */
+ * threads, with a daemon that stands still. In the end nothing is held. */
 #include "environment.h"
 #include "interposed.h"
 #include "patience.h"
@@ -9,16 +9,11 @@
 #include "ezeballocseam.h"
 #include "zeb.h"
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <random>
 #include <string>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -173,14 +168,8 @@ TEST_F(cycles, from_several_threads)
 /* Whether nothing more can be written on the process's connection. */
 bool is_stuck()
 {
-    for (int fd = 3; fd < 1024; fd++) {
-        sockaddr_storage peer{};
-        socklen_t length = sizeof(peer);
-        pollfd watched{fd, POLLOUT, 0};
-        if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &length) == 0 && peer.ss_family != AF_UNIX)
-            return poll(&watched, 1, 0) == 0;
-    }
-    return false;
+    pollfd watched{own_connection(), POLLOUT, 0};
+    return watched.fd != -1 && poll(&watched, 1, 0) == 0;
 }
 
 TEST_F(cycles, with_a_daemon_that_stands_still)
@@ -200,62 +189,6 @@ TEST_F(cycles, with_a_daemon_that_stands_still)
     }
     expect_nothing_held("cycles with a daemon that stands still", all);
     EXPECT_LT(longest, zebtest::stretched(milliseconds{2000}).count());
-}
-
-/* ---- No shutdown at all ---- */
-
-[[noreturn]] void work_and_exit(unsigned microseconds, int code)
-{
-    if (zeb_init() != 0)
-        _exit(90);
-    zeb_subscriber *called = zeb_subscriber_create_async("/storm/exit", "storm", nullptr, nullptr);
-    zeb_subscriber *received = zeb_subscriber_create_async("/storm/exit", "storm", "(\"storm=1\")", nullptr);
-    zeb_subscriber_registercallback(called, ignore, nullptr, code % 2);
-    std::thread([=] {
-        while (zeb_subscriber_status(received, nullptr) != ZEB_SUBSCRIBED)
-            usleep(100);
-        while (zeb_notification *n = zeb_subscriber_receive(received, 1, 0))
-            zeb_subscriber_relinquish(received, n);
-    }).detach();
-    zeb_publisher *publisher = zeb_publisher_create("storm");
-    std::thread([=] {
-        for (;;) {
-            zeb_publisher_publish(publisher, zeb_notification_create("/storm/exit", "body", 4));
-            usleep(50);
-        }
-    }).detach();
-    usleep(microseconds);
-    exit(code);
-}
-
-TEST_F(cycles, a_process_that_exits_without_shutdown)
-{
-    if (zebtest::threadSanitizer)
-        GTEST_SKIP() << "a forked child cannot start threads under the thread sanitizer";
-    if (zebtest::addressSanitizer)
-        GTEST_SKIP() << "what is not shut down counts as leaked there";
-    const int all = amount(40, 1000);
-    std::mt19937_64 random(seed());
-    milliseconds most{0};
-    for (int i = 0; i < all; i++) {
-        const auto rest = static_cast<unsigned>(random() % 8000);
-        const int code = 5 + i % 2;
-        const pid_t child = fork();
-        if (child == 0)
-            work_and_exit(rest, code);
-        const zebtest::stopwatch watch;
-        int status = -1;
-        const bool ended = zebtest::eventually([&] { return waitpid(child, &status, WNOHANG) == child; });
-        if (!ended) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-        }
-        EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == code)
-            << "status " << status << " after " << rest << " microseconds";
-        most = std::max(most, watch.elapsed());
-    }
-    figure("cycles", "%d exits without shutdown; the longest life %lld ms", all,
-           static_cast<long long>(most.count()));
 }
 
 } // namespace

@@ -15,13 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <netinet/in.h>
 #include <set>
 #include <string>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -119,21 +116,6 @@ int32_t called_apart(zeb_notification *n, void *)
     const uint64_t at = number_in(n);
     if (at % 10 == 0 && left-- > 0)
         fork_one(static_cast<life>(at / 10 % 4));
-    return 0;
-}
-
-/* The port at this end of the process's only connection; 0 without one. */
-uint16_t own_port()
-{
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const int fd = atoi(entry.path().filename().c_str());
-        sockaddr_in6 peer{}, own{}; /* the port stands at the same place in the other family */
-        socklen_t length = sizeof(peer), ownLength = sizeof(own);
-        if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &length) == 0 &&
-            getsockname(fd, reinterpret_cast<sockaddr *>(&own), &ownLength) == 0 &&
-            (own.sin6_family == AF_INET || own.sin6_family == AF_INET6))
-            return ntohs(own.sin6_port);
-    }
     return 0;
 }
 

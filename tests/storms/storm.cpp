@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <netinet/in.h>
 #include <random>
+#include <sys/socket.h>
 
 namespace storms
 {
@@ -65,6 +67,32 @@ usage usage_of(pid_t pid)
     const std::string process = "/proc/" + std::to_string(pid);
     return {anonymous_kilobytes(process + "/status"), entries_of(process + "/fd"),
             entries_of(process + "/task")};
+}
+
+/* The port in the address that ASK tells of FD; 0 when there is none. */
+static uint16_t port_of(int fd, int (*ask)(int, sockaddr *, socklen_t *))
+{
+    sockaddr_in6 address{}; /* the port stands at the same place in the other family */
+    socklen_t length = sizeof(address);
+    if (ask(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0 ||
+        (address.sin6_family != AF_INET && address.sin6_family != AF_INET6))
+        return 0;
+    return ntohs(address.sin6_port);
+}
+
+int own_connection()
+{
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = atoi(entry.path().filename().c_str());
+        if (port_of(fd, getpeername) != 0)
+            return fd;
+    }
+    return -1;
+}
+
+uint16_t own_port()
+{
+    return port_of(own_connection(), getsockname);
 }
 
 double slope(const std::vector<double> &values)

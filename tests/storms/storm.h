@@ -28,6 +28,10 @@ struct usage {
 /* Of the process PID; all zero when there is none. */
 usage usage_of(pid_t pid);
 
+/* The descriptor of this process's only connection, and the port at this end of it; -1 and 0 without one. */
+int own_connection();
+uint16_t own_port();
+
 /* By how much VALUES rise from one to the next, by the line that fits them best. */
 double slope(const std::vector<double> &values);
 
