@@ -83,11 +83,21 @@ extern "C" int connect(int fd, const sockaddr *address, socklen_t length)
     return result;
 }
 
-extern "C" ssize_t write(int fd, const void *data, size_t length)
+static ssize_t noted(int fd, const void *data, ssize_t count)
 {
-    static auto *const next = storms::records::real<decltype(write)>("write");
-    const ssize_t count = next(fd, data, length);
     if (count > 0)
         storms::records::note_octets(fd, data, static_cast<size_t>(count));
     return count;
+}
+
+extern "C" ssize_t write(int fd, const void *data, size_t length)
+{
+    static auto *const next = storms::records::real<decltype(write)>("write");
+    return noted(fd, data, next(fd, data, length));
+}
+
+extern "C" ssize_t send(int fd, const void *data, size_t length, int flags)
+{
+    static auto *const next = storms::records::real<decltype(send)>("send");
+    return noted(fd, data, next(fd, data, length, flags));
 }

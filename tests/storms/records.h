@@ -1,7 +1,7 @@
 /* What the kernel takes of the bytes that the library of this process writes, connection by connection.
  *
- * Linked into a program, it replaces connect and write for every library in it. Nothing is recorded until
- * keep is called. */
+ * Linked into a program, it replaces connect, write and send for every library in it. Nothing is recorded
+ * until keep is called. */
 #pragma once
 
 #include <string>
