@@ -111,23 +111,49 @@ static bool satisfies(const subscriber &member, const subscription &interest, co
     return subscription_matches(interest, address_subject(member, context.identity, properties));
 }
 
+/* A member as interests see it. */
+struct member_view {
+    const subscriber *member = nullptr;
+    std::vector<property_view> properties;
+    subject what;
+};
+
+/* Everybody, oldest first. Where many interests ask all members in one flush, these are looked up once. */
+using assembly = std::vector<member_view>;
+
+static void assemble(assembly &all, const member_context &context)
+{
+    if (!all.empty())
+        return;
+    all.reserve(context.subscribers.size());
+    for (const auto &[serial, member] : context.subscribers)
+        all.push_back({&member, {}, {}});
+    std::sort(all.begin(), all.end(), [](const member_view &left, const member_view &right) {
+        return left.member->serial < right.member->serial;
+    });
+    for (member_view &each : all)
+        each.what = address_subject(*each.member, context.identity, each.properties);
+}
+
 /* Everybody that satisfies INTEREST, oldest first. */
 static std::vector<const subscriber *> find_members(membership &members, const member_context &context,
-                                                    const subscription &interest)
+                                                    const subscription &interest, assembly &all)
 {
     std::vector<uint64_t> candidates;
-    if (!address_index_find(members.addresses, interest, candidates)) {
-        for (const auto &[serial, member] : context.subscribers)
-            candidates.push_back(serial);
-        std::sort(candidates.begin(), candidates.end());
-    }
-    members.asked += candidates.size();
     std::vector<const subscriber *> found;
-    for (const uint64_t serial : candidates) {
-        const subscriber &member = context.subscribers.at(serial);
-        if (satisfies(member, interest, context))
-            found.push_back(&member);
+    if (address_index_find(members.addresses, interest, candidates)) {
+        members.asked += candidates.size();
+        for (const uint64_t serial : candidates)
+            if (const subscriber &member = context.subscribers.at(serial);
+                satisfies(member, interest, context))
+                found.push_back(&member);
+        return found;
     }
+    assemble(all, context);
+    members.asked += all.size();
+    for (const member_view &each : all)
+        if (subscription_matches(interest, each.what))
+            found.push_back(each.member);
     return found;
 }
 
@@ -149,6 +175,7 @@ struct telling {
     membership &members;
     const member_context &context;
     const index_entry &entry;
+    assembly &all;
     std::vector<size_t> changes; /* places in the log that concern this interest, ascending */
     shared_list everybody, everybodyAdded;
     std::map<size_t, news> since;
@@ -174,7 +201,7 @@ static const shared_list &list_of_everybody(telling &t, bool asAdded)
 {
     shared_list &shared = asAdded ? t.everybodyAdded : t.everybody;
     if (shared.encoded == nullptr) {
-        const auto all = find_members(t.members, t.context, t.entry.sub);
+        const auto all = find_members(t.members, t.context, t.entry.sub, t.all);
         address_list list;
         add_all(list, asAdded ? roleAdded : roleMember, all);
         encode_list(shared, std::move(list), all.size());
@@ -305,6 +332,7 @@ static std::vector<size_t> changes_for(const membership &members, const member_c
 void membership_tell_before(membership &members, const member_context &context,
                             std::span<const uint64_t> watchers, const subscriber &source)
 {
+    assembly everybody;
     std::unordered_map<const index_entry *, std::optional<telling>> tellings; /* none: SOURCE is no news */
     for (const uint64_t serial : watchers) {
         const auto watcher = context.subscribers.find(serial);
@@ -315,8 +343,8 @@ void membership_tell_before(membership &members, const member_context &context,
         const index_entry &entry = *filed->second.entry;
         const auto [at, missing] = tellings.try_emplace(&entry);
         if (missing && satisfies(source, entry.sub, context))
-            at->second.emplace(
-                telling{members, context, entry, changes_for(members, context, entry.sub), {}, {}, {}});
+            at->second.emplace(telling{
+                members, context, entry, everybody, changes_for(members, context, entry.sub), {}, {}, {}});
         if (!at->second)
             continue;
         tell(*at->second, watcher->second);
@@ -383,8 +411,9 @@ void membership_flush(membership &members, const member_context &context)
         std::rotate(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(members.notices % all.size()),
                     all.end());
     members.asked = 0;
+    assembly everybody;
     for (auto &[entry, concern] : all) {
-        telling t{members, context, *entry, std::move(concern.changes), {}, {}, {}};
+        telling t{members, context, *entry, everybody, std::move(concern.changes), {}, {}, {}};
         tell_watchers(t, t.changes.empty() ? concern.waiting : entry->holders, ending);
     }
     members.log.clear();
