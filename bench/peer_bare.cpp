@@ -15,7 +15,7 @@ struct frame_head {
 };
 
 /* What zeb writes besides the body of such an event; with the head above the same number of octets. */
-static constexpr size_t overhead = 560;
+static constexpr size_t overhead = 528;
 static constexpr size_t inputSize = size_t{256} * 1024;
 
 static int fd = -1;
