@@ -4,22 +4,18 @@
 #define EZEBYIELDSEAM_H
 
 #ifdef ZEB_TEST_SEAMS
-
 /* Called at every such point unless null. Set before the library starts: this load orders nothing, so that it
  * hides no race either. */
 inline void (*ezeb_yieldseam)(void) = nullptr;
+#endif
 
 inline void ezeb_yield(void)
 {
+#ifdef ZEB_TEST_SEAMS
     void (*const hook)(void) = __atomic_load_n(&ezeb_yieldseam, __ATOMIC_RELAXED);
     if (hook != nullptr)
         hook();
-}
-
-#else
-
-inline void ezeb_yield(void) {}
-
 #endif
+}
 
 #endif

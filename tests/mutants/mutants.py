@@ -172,8 +172,8 @@ MUTANTS = [
         SUBSCRIBER,
         "    if (ezeb_queue_push(sub->queue, n))",
         "    if (ezeb_queue_enqueue(sub->queue, n))",
-        "callback_conversation",
-        "^conversation.calling",
+        "dispatching_test",
+        "^unit.Dispatching",
     ),
     Mutant(
         "a cancelled dispatcher serves the next registration",
@@ -188,8 +188,8 @@ MUTANTS = [
         "zebstream.cpp",
         "stream != nullptr; stream = stream->next)\n        ezeb_queue_start_shutdown(stream->chunks);\n",
         "stream != nullptr; stream = stream->next)\n        ;\n",
-        "stream_conversation",
-        "^conversation.stream_receiving",
+        "lifetime_conversation",
+        "^conversation.lifetime",
     ),
     Mutant(
         "a segment's name is read past the end of the block",

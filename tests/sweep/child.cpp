@@ -9,8 +9,21 @@
 
 extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void *fd);
 
+#ifdef ZEB_COVERAGE
+extern "C" void __gcov_dump(void);
+#endif
+
 namespace sweep
 {
+
+/* Ends the process at once, with what it has counted when it counts. */
+[[noreturn]] static void leave(int code)
+{
+#ifdef ZEB_COVERAGE
+    __gcov_dump();
+#endif
+    _exit(code);
+}
 
 outcome in_child(const std::function<int()> &body, zebtest::milliseconds limit)
 {
@@ -21,10 +34,10 @@ outcome in_child(const std::function<int()> &body, zebtest::milliseconds limit)
             __sanitizer_set_report_fd(reinterpret_cast<void *>(intptr_t{STDERR_FILENO}));
         /* An exit of the library's own ends the process at once: its other threads still use what the program
          * would take apart. */
-        on_exit([](int code, void *) { _exit(code); }, nullptr);
+        on_exit([](int code, void *) { leave(code); }, nullptr);
         const int code = body();
         fflush(nullptr);
-        _exit(code);
+        leave(code);
     }
     int status = 0;
     const bool ended = zebtest::eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, limit);

@@ -3,6 +3,8 @@
 #include "ezebrecvthread.h"
 #include "ezebruntime.h"
 
+#include "holdup.h"
+
 #include "background.h"
 #include "environment.h"
 #include "fake_daemon.h"
@@ -60,13 +62,23 @@ TEST(Sending, WhatIsPublishedRightBeforeAShutdownGoesOutOnTheRenewedConnection)
         publishOnARenewedConnectionAndShutDown(home, daemon);
 }
 
+bool nothingIsQueued()
+{
+    const ezeb_runtime_ref runtime;
+    return ezeb_queue_length(runtime.get()->send.queue) == 0;
+}
+
 /* A subscriber is created at the moment of a loss. Its request may be queued, on its way, or in the hand of
- * the send thread, which then holds a lost connection. */
-void subscribeAtALoss(const temporary_home &home, fake_daemon &daemon)
+ * the send thread, which then holds a lost connection; with INHAND it is not queued any more. */
+void subscribeAtALoss(const temporary_home &home, fake_daemon &daemon, bool inHand)
 {
     ASSERT_EQ(zeb_init(), 0);
     peer first = daemon.accept_connected(home.path());
     background creation([] { return zeb_subscriber_create_async("/at-the-loss", "c", nullptr, nullptr); });
+    if (inHand) {
+        EXPECT_TRUE(creation.done_within(patience));
+        EXPECT_TRUE(eventually(nothingIsQueued));
+    }
     first.close();
     peer second = daemon.accept_connected(home.path());
     zeb_publisher *publisher = zeb_publisher_create("c");
@@ -86,7 +98,19 @@ TEST(Sending, ARequestInHandAtALossIsSentOnce)
     clean_environment();
     configure(home.path(), daemon.port());
     for (int round = 0; round < 400 && !HasFailure(); round++)
-        subscribeAtALoss(home, daemon);
+        subscribeAtALoss(home, daemon, false);
+}
+
+/* The send thread takes longer over an item than the receive thread does over a new connection. */
+TEST(Sending, ALossWaitsForTheRequestInHand)
+{
+    const temporary_home home;
+    fake_daemon daemon;
+    clean_environment();
+    configure(home.path(), daemon.port());
+    unit::hold_up("zeb-send", std::chrono::microseconds{200});
+    for (int round = 0; round < 5 && !HasFailure(); round++)
+        subscribeAtALoss(home, daemon, true);
 }
 
 } // namespace
