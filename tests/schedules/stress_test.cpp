@@ -635,7 +635,8 @@ class under_disturbance : public testing::TestWithParam<program>
 
     void play(uint64_t seed)
     {
-        const upkeep before; /* first: a thread that starts opens a descriptor for a moment, under a sanitizer */
+        const upkeep
+            before; /* first: a thread that starts opens a descriptor for a moment, under a sanitizer */
         const schedules::watchdog guard(time_of_a_seed() + HANG_LIMIT);
         const stopwatch watch;
         int rounds = 0;
