@@ -428,6 +428,19 @@ static int32_t write_origin(ezeb_runtime *rt, const zeb_notification *n, ezeb_sb
            (n->cls != ZEB_CLASS_INCOMINGSTREAM || write_field(sb, "\r\nstreamKey: ", n->streamKey));
 }
 
+static int32_t write_bytes(ezeb_sb *sb, const void *bytes, int32_t length)
+{
+    return length == 0 || ezeb_sb_write(sb, bytes, static_cast<size_t>(length));
+}
+
+/* A large body goes out past the buffer, and with it the end of the event. Then it has been written whatever
+ * becomes of the connection from there on: if it counted as failed, it would be sent again on the next one,
+ * to a daemon that may have it already. */
+static int32_t finish(ezeb_sb *sb)
+{
+    return sb->end == 0 || ezeb_sb_flush(sb);
+}
+
 static int32_t write_event(ezeb_runtime *rt, const zeb_notification *n, const void *addresses,
                            int32_t addresslength, ezeb_sb *sb)
 {
@@ -438,8 +451,7 @@ static int32_t write_event(ezeb_runtime *rt, const zeb_notification *n, const vo
            (!is_messagelike(n->cls) || write_origin(rt, n, sb)) &&
            write_number(sb, "\r\nContent-Length: ", bodylength) &&
            write_number(sb, "\r\nAddrList-Length: ", addresslength) && ezeb_sb_write(sb, "\r\n\r\n", 4) &&
-           ezeb_sb_write(sb, n->body, static_cast<size_t>(bodylength)) &&
-           ezeb_sb_write(sb, addresses, static_cast<size_t>(addresslength)) && ezeb_sb_flush(sb);
+           write_bytes(sb, n->body, bodylength) && write_bytes(sb, addresses, addresslength) && finish(sb);
 }
 
 int32_t ezeb_notification_write(ezeb_runtime *rt, const zeb_notification *n, ezeb_sb *sb)

@@ -45,11 +45,12 @@ uint64_t published = 0;
 std::atomic<int> pause{0}; /* microseconds between two notifications; 0 for none */
 std::atomic<bool> ending{false};
 
-/* "NAME NUMBER " and a filler that follows from the number. */
+/* "NAME NUMBER " and a filler that follows from the number; now and then one that takes several writes. */
 std::string body_of(const std::string &name, uint64_t number)
 {
+    const size_t length = number % 64 == 63 ? 50000 : number * 7919 % 1500;
     return name + " " + std::to_string(number) + " " +
-           std::string(number * 7919 % 1500, static_cast<char>('a' + number % 26));
+           std::string(length, static_cast<char>('a' + number % 26));
 }
 
 uint64_t publish(uint64_t count)

@@ -293,6 +293,27 @@ TEST_F(Writing, ABigBodyGoesOutWhole)
     EXPECT_NE(got.find("\r\nContent-Length: 1000000\r\nAddrList-Length: 0\r\n\r\n"), std::string::npos);
 }
 
+/* The connection is lost while the body, the end of this event, goes out: all of it gets out. */
+TEST_F(Writing, AnEventThatWentOutWholeIsWrittenEvenWhenItsConnectionIsLostMeanwhile)
+{
+    ezeb_notification_destroy(n);
+    const std::string body(1000000, 'x'); /* more than the socket takes */
+    n = zeb_notification_create("t", body.data(), static_cast<int32_t>(body.size()));
+    std::string got;
+    std::thread reader([&] {
+        char piece[65536];
+        while (got.find("xxx") == std::string::npos)
+            got.append(piece, static_cast<size_t>(recv(pair.far, piece, 1000, 0)));
+        ezeb_sb_invalidate(sb);
+        for (ssize_t count; (count = recv(pair.far, piece, sizeof(piece), 0)) > 0;)
+            got.append(piece, static_cast<size_t>(count));
+    });
+    EXPECT_EQ(ezeb_notification_write(rt.get(), n, sb), 1);
+    shutdown(pair.near, SHUT_WR);
+    reader.join();
+    EXPECT_EQ(std::count(got.begin(), got.end(), 'x'), 1000000);
+}
+
 TEST_F(Writing, NullIsMinusOneAndAFailedWriteIsZero)
 {
     EXPECT_EQ(ezeb_notification_write(rt.get(), nullptr, sb), -1);
