@@ -36,6 +36,7 @@ namespace
 {
 
 const char *ownName = "";
+bool recording = false;
 
 /* ---- Publishing ---- */
 
@@ -45,10 +46,11 @@ uint64_t published = 0;
 std::atomic<int> pause{0}; /* microseconds between two notifications; 0 for none */
 std::atomic<bool> ending{false};
 
-/* "NAME NUMBER " and a filler that follows from the number; now and then one that takes several writes. */
+/* "NAME NUMBER " and a filler that follows from the number. Where everything is recorded some are so large
+ * that they take several writes. */
 std::string body_of(const std::string &name, uint64_t number)
 {
-    const size_t length = number % 64 == 63 ? 50000 : number * 7919 % 1500;
+    const size_t length = recording && number % 64 == 63 ? 50000 : number * 7919 % 1500;
     return name + " " + std::to_string(number) + " " +
            std::string(length, static_cast<char>('a' + number % 26));
 }
@@ -82,7 +84,6 @@ struct sequence {
 
 std::mutex receiving; /* guards what follows */
 std::map<std::string, sequence> arrived;
-bool keeping = false;
 std::vector<std::pair<std::string, uint64_t>> kept;
 
 void take(const zeb_notification *n)
@@ -101,7 +102,7 @@ void take(const zeb_notification *n)
     s.next = number + 1;
     s.last = number;
     s.count++;
-    if (keeping)
+    if (recording)
         kept.emplace_back(name, number);
 }
 
@@ -309,8 +310,8 @@ int main(int argc, char **argv)
     if (argc < 3)
         return 2;
     ownName = argv[1];
-    keeping = argc > 3;
-    if (keeping)
+    recording = argc > 3;
+    if (recording)
         storms::records::keep();
     if (zeb_init() != 0)
         return 3;

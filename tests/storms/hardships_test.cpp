@@ -133,7 +133,8 @@ class hardships : public testing::Test
   protected:
     void SetUp() override
     {
-        start_daemon(0);
+        reservation.refuse();
+        start_daemon(reservation.port());
         zebtest::clean_environment();
         zebtest::configure("/nonexistent", daemon->port);
     }
@@ -153,6 +154,7 @@ class hardships : public testing::Test
         start_daemon(port);
     }
 
+    zebtest::fake_daemon reservation; /* of a port: nobody else gets it while no daemon is there */
     std::unique_ptr<process::zebd> daemon;
 };
 

@@ -1,6 +1,7 @@
 /* A daemon that dies under its clients, over and over. They find each successor by themselves, go on where
  * they were, and need no more for the last one than for the first. */
 #include "crew.h"
+#include "fake_daemon.h"
 #include "storm.h"
 
 #include <csignal>
@@ -23,7 +24,8 @@ class restarts : public testing::Test
     void SetUp() override
     {
         signal(SIGPIPE, SIG_IGN);
-        start_daemon(0);
+        reservation.refuse();
+        start_daemon(reservation.port());
         ASSERT_NE(daemon->port, 0);
         const process::environment env = {{"TAMBEK_ZEB_PROXY_PORT", std::to_string(daemon->port)},
                                           {"TAMBEK_HOME", "/nonexistent"}};
@@ -87,6 +89,7 @@ class restarts : public testing::Test
         return slope({s.kilobytes.begin() + static_cast<ptrdiff_t>(skipped), s.kilobytes.end()});
     }
 
+    zebtest::fake_daemon reservation; /* of a port: nobody else gets it while no daemon is there */
     std::unique_ptr<process::zebd> daemon;
     crew members;
     std::vector<seen> looks;
