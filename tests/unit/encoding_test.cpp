@@ -612,9 +612,9 @@ TEST(DecodingSpeed, A160000ElementNamesTakeLessThanHalfASecond)
             bytes += static_cast<char>(name.size());
             bytes += name + std::string(unit::bytes("\x00\x00\x01v\x00"));
         }
-        const auto start = std::chrono::steady_clock::now();
+        const double start = unit::processorSeconds();
         zeb_bb *block = zeb_bb_body2block(bytes.data(), static_cast<int32_t>(bytes.size()));
-        EXPECT_LT(unit::secondsSince(start), 0.5);
+        EXPECT_LT(unit::processorSeconds() - start, 0.5);
         EXPECT_EQ(zeb_bb_getsegment(block, "s")->elements.count, 160000U);
         zeb_bb_destroy(block);
     }

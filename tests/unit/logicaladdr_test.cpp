@@ -724,9 +724,9 @@ TEST(LaddrlistSpeed, AnAddressOf100000PropertiesIsReadInLessThanHalfASecond)
     for (int i = 0; i < 100000; i++)
         body += std::string(unit::bytes("\x02\x00\x06")) + std::to_string(100000 + i) +
                 std::string(unit::bytes("\x00\x00\x01v\x00"));
-    const auto start = std::chrono::steady_clock::now();
+    const double start = unit::processorSeconds();
     const outputs found(body);
-    EXPECT_LT(unit::secondsSince(start), 0.5);
+    EXPECT_LT(unit::processorSeconds() - start, 0.5);
     ASSERT_NE(found.generating, nullptr);
     EXPECT_EQ(zeb_logicaladdr_getPropertyCount(found.generating), 100000);
 }

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -179,6 +180,14 @@ using text = std::unique_ptr<char, freeing>;
 inline double secondsSince(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/* What this thread has worked: for bounds on cost, which must hold on a busy machine too. */
+inline double processorSeconds()
+{
+    timespec worked{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &worked);
+    return static_cast<double>(worked.tv_sec) + static_cast<double>(worked.tv_nsec) / 1e9;
 }
 
 /* String literal with its inner NULs. */
