@@ -44,10 +44,13 @@ static zeb_notification *new_notification(void)
     return n;
 }
 
+/* As an allocation of its own would have it: applications look at bodies as records of theirs. */
+static constexpr size_t BODY_ALIGNMENT = alignof(max_align_t);
+
 /* Whether a body of LENGTH finds room in the arena as it is, aligned and with its NUL. */
 static bool fits_in_room(const zeb_notification *n, size_t length)
 {
-    return n->strings.left >= alignof(void *) && length < n->strings.left - alignof(void *);
+    return n->strings.left >= BODY_ALIGNMENT && length < n->strings.left - BODY_ALIGNMENT;
 }
 
 /* Room for a body of LENGTH and the NUL behind it, with which text bodies can be shown as they are: in the
@@ -55,7 +58,7 @@ static bool fits_in_room(const zeb_notification *n, size_t length)
 static bool make_body(zeb_notification *n, size_t length)
 {
     n->bodyInRoom = fits_in_room(n, length);
-    n->body = static_cast<char *>(n->bodyInRoom ? ezeb_arena_alloc(&n->strings, length + 1)
+    n->body = static_cast<char *>(n->bodyInRoom ? ezeb_arena_alloc(&n->strings, length + 1, BODY_ALIGNMENT)
                                                 : ezeb_malloc(length + 1));
     if (n->body != nullptr)
         n->body[length] = '\0';

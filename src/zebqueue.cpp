@@ -77,6 +77,8 @@ static int32_t add(ezeb_queue *queue, void *element, bool first)
 
 static int32_t add_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element, bool first)
 {
+    if (queue == nullptr)
+        return 0;
     *cell = {element, nullptr, true};
     return insert(queue, cell, first);
 }

@@ -173,8 +173,10 @@ int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length)
  * row share segments; without that, and with Nagle's algorithm off, each would go in one of its own. */
 static ssize_t write_some(ezeb_sb *sb, const char *data, size_t length, bool more)
 {
-    sb->heldBack = more;
-    return send(sb->fd, data, length, more ? MSG_MORE : 0);
+    const ssize_t written = send(sb->fd, data, length, more ? MSG_MORE : 0);
+    if (written > 0)
+        sb->heldBack = more; /* a call that fails leaves what is kept where it is */
+    return written;
 }
 
 /* Writes everything. On a blocking socket a short count means that the connection is failing: the next write
@@ -238,7 +240,7 @@ void ezeb_sb_more(ezeb_sb *sb, bool follows)
 /* Setting the option sends what the kernel keeps. */
 void ezeb_sb_release(ezeb_sb *sb)
 {
-    if (!sb->heldBack)
+    if (!sb->heldBack || !is_valid(sb))
         return;
     const int on = 1;
     setsockopt(sb->fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));

@@ -119,15 +119,19 @@ void ezeb_sendthread_settle(ezeb_runtime *rt)
 /* ---- Shutdown ---- */
 
 /* Gives the thread a moment to end by itself; a daemon that does not read keeps it in a write for ever, so
- * the connection is cut then. */
-static void cut_when_stuck(ezebsendctx *send)
+ * the connection is cut then. The receive thread is told first, or it would connect again, and pause for
+ * seconds if that failed. */
+static void cut_when_stuck(ezeb_runtime *rt)
 {
+    ezebsendctx *send = &rt->send;
     const ezeb_locked hold(&send->sbmutex);
     bool waiting = true;
     while (send->finished == 0 && waiting)
         waiting = ezeb_cond_waitseconds(&send->left, &send->sbmutex, GRACE_SECONDS);
-    if (send->finished == 0)
+    if (send->finished == 0) {
+        ezeb_flag_set(&rt->recv.shutdown, 1);
         ezeb_connection_cut(send->connection);
+    }
 }
 
 void ezeb_sendthread_shutdown(ezeb_runtime *rt, int32_t wait)
@@ -139,7 +143,7 @@ void ezeb_sendthread_shutdown(ezeb_runtime *rt, int32_t wait)
     ezeb_flag_set(&rt->send.stop, 1);
     ezeb_queue_start_shutdown(rt->send.queue);
     if (wait == 0)
-        cut_when_stuck(&rt->send);
+        cut_when_stuck(rt);
 }
 
 void ezeb_sendthread_fork_destroy(ezeb_runtime *rt) EZEB_NO_ANALYSIS
@@ -210,6 +214,8 @@ static void leave_connection(ezebsendctx *send, send_progress *progress, ezeb_sb
         progress->after = connection->generation;
     if (handed > 0)
         ezeb_connection_cut(connection);
+    if (!stale)
+        ezeb_sb_release(sb);               /* what went out before does not wait for this item */
     drop_connection(send, sb, connection); /* before the pause: what is lost is not kept open for it */
     if (stale)
         return;
@@ -284,6 +290,8 @@ static void finish(ezebsendctx *send)
     send->finished = 1;
     ezeb_cond_broadcast(&send->left);
     ezeb_mutex_unlock(&send->sbmutex);
+    if (sb != nullptr)
+        ezeb_sb_release(sb);
     ezeb_sb_free(sb);
     ezeb_connection_unref(connection);
 }

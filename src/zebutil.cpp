@@ -289,6 +289,7 @@ struct ezeb_arena_block {
     ezeb_arena_block *next;
     size_t size; /* of the bytes that follow */
 };
+static_assert(sizeof(ezeb_arena_block) % alignof(max_align_t) == 0, "a new block serves any alignment");
 
 enum { ARENA_STEP = 1024, ARENA_LARGEST_STEP = 65536 };
 
@@ -323,9 +324,9 @@ static char *arena_take(ezeb_arena *arena, size_t size)
     return taken;
 }
 
-void *ezeb_arena_alloc(ezeb_arena *arena, size_t size)
+void *ezeb_arena_alloc(ezeb_arena *arena, size_t size, size_t alignment)
 {
-    const size_t skip = (0 - reinterpret_cast<uintptr_t>(arena->next)) & (alignof(void *) - 1);
+    const size_t skip = (0 - reinterpret_cast<uintptr_t>(arena->next)) & (alignment - 1);
     if (skip <= arena->left) {
         arena->next += skip;
         arena->left -= skip;

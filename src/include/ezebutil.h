@@ -80,7 +80,8 @@ struct ezeb_arena {
 };
 
 void ezeb_arena_init(ezeb_arena *arena, void *firstblock, size_t size);
-void *ezeb_arena_alloc(ezeb_arena *arena, size_t size);                    /* aligned for pointers; or null */
+/* Or null. ALIGNMENT is a power of two, at most that of malloc. */
+void *ezeb_arena_alloc(ezeb_arena *arena, size_t size, size_t alignment = alignof(void *));
 char *ezeb_arena_strndup(ezeb_arena *arena, const char *s, size_t length); /* with a NUL added; or null */
 void ezeb_arena_release(ezeb_arena *arena);
 

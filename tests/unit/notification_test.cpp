@@ -108,6 +108,21 @@ TEST_F(Notification, ALongTypeIsKeptWhole)
     ezeb_notification_destroy(other);
 }
 
+/* Applications publish records and look at them in place, whatever stands before them. */
+TEST(NotificationBody, IsAlignedAsAnAllocationOfItsOwnWouldBe)
+{
+    for (const size_t length : {size_t{8}, size_t{300}, size_t{5000}}) {
+        const std::string octets(length, 'b');
+        for (size_t before = 1; before <= 32; before++) {
+            zeb_notification *n = zeb_notification_create(std::string(before, 't').c_str(), octets.data(),
+                                                          static_cast<int32_t>(length));
+            const auto place = reinterpret_cast<uintptr_t>(zeb_notification_body(n, nullptr));
+            EXPECT_EQ(place % alignof(max_align_t), 0U) << before << ", " << length;
+            ezeb_notification_destroy(n);
+        }
+    }
+}
+
 TEST_F(Notification, WithoutATypeOrTheAnnouncedBodyThereIsNone)
 {
     EXPECT_EQ(zeb_notification_create(nullptr, nullptr, 0), nullptr);

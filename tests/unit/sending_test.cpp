@@ -1,16 +1,22 @@
 /* What the send thread does with a connection that was renewed behind its back: the daemon is a script, and
  * the state that no caller can see tells when the new connection stands. */
+#include "ezeblogicaladdr.h"
 #include "ezebrecvthread.h"
 #include "ezebruntime.h"
 
 #include "holdup.h"
+#include "unit.h"
 
 #include "background.h"
 #include "environment.h"
 #include "fake_daemon.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <poll.h>
 #include <string>
+#include <sys/ioctl.h>
 
 namespace
 {
@@ -111,6 +117,92 @@ TEST(Sending, ALossWaitsForTheRequestInHand)
     unit::hold_up("zeb-send", std::chrono::microseconds{200});
     for (int round = 0; round < 5 && !HasFailure(); round++)
         subscribeAtALoss(home, daemon, true);
+}
+
+/* What the kernel keeps back when the send thread is refused memory for the second time. */
+struct {
+    int connection = -1;
+    std::atomic<int64_t> requests{INT64_MAX - 2}; /* made when the refusals began */
+    std::atomic<int> keptBack{-1};
+} refused;
+
+void look_at_what_is_kept_back()
+{
+    unit::hold_up_this_thread();
+    if (refused.keptBack != -1 ||
+        __atomic_load_n(&ezeb_allocseam_requests, __ATOMIC_SEQ_CST) < refused.requests + 2)
+        return;
+    int octets = -1;
+    ioctl(refused.connection, SIOCOUTQNSD, &octets);
+    refused.keptBack = octets;
+}
+
+zeb_notification *directedNotification(const char *type)
+{
+    zeb_logicaladdr to{};
+    to.key = const_cast<char *>("1.2.3.4");
+    to.address = const_cast<char *>("a");
+    to.addressLength = 1;
+    zeb_notification *n = zeb_notification_create(type, nullptr, 0);
+    zeb_notification_setDestinationAddr(n, &to);
+    return n;
+}
+
+/* The first goes out with the word that more follows; then there is no memory to write the second one. */
+TEST(Sending, WhatWentOutDoesNotWaitForAnItemThatHasToBeTriedAgain)
+{
+    const temporary_home home;
+    fake_daemon daemon;
+    clean_environment();
+    configure(home.path(), daemon.port());
+    unit::hold_up("zeb-send", std::chrono::microseconds{5000});
+    ezeb_yieldseam = look_at_what_is_kept_back;
+    ASSERT_EQ(zeb_init(), 0);
+    peer p = daemon.accept_connected(home.path());
+    refused.connection = p.other_end();
+    zeb_publisher *publisher = zeb_publisher_create("c");
+    zeb_publisher_publish(publisher, zeb_notification_create("/buffer", nullptr, 0));
+    EXPECT_NE(p.read_head().find("eventType: /buffer\r\n"), std::string::npos);
+    zeb_notification *first = zeb_notification_create("/first", nullptr, 0);
+    zeb_notification *second = directedNotification("/second");
+    zeb_publisher_publish(publisher, first);
+    zeb_publisher_publish(publisher, second);
+    unit::refusal all(1, true);
+    refused.requests = __atomic_load_n(&ezeb_allocseam_requests, __ATOMIC_SEQ_CST);
+    all.begin();
+    EXPECT_TRUE(eventually([] { return refused.keptBack != -1; }));
+    all.end();
+    EXPECT_EQ(refused.keptBack, 0);
+    EXPECT_NE(p.read_head().find("eventType: /first\r\n"), std::string::npos);
+    EXPECT_NE(p.read_head().find("eventType: /second\r\n"), std::string::npos);
+    EXPECT_EQ(zeb_shutdown_nowait(), 0);
+}
+
+bool takesNothingMore(int descriptor)
+{
+    pollfd watched{descriptor, POLLOUT, 0};
+    return poll(&watched, 1, 0) == 0;
+}
+
+/* Between the cut, which frees the send thread from a write, and its end there is time for the receive
+ * thread to notice. It would connect again, and pause for seconds if that failed. */
+TEST(Sending, AConnectionThatAShutdownCutsIsNotReplaced)
+{
+    const temporary_home home;
+    fake_daemon daemon;
+    clean_environment();
+    configure(home.path(), daemon.port());
+    unit::hold_up("zeb-send", std::chrono::microseconds{20000});
+    ASSERT_EQ(zeb_init(), 0);
+    peer p = daemon.accept_connected(home.path());
+    const int connection = p.other_end();
+    zeb_publisher *publisher = zeb_publisher_create("c");
+    const std::string body(10000000, 'x'); /* more than the kernel takes */
+    zeb_publisher_publish(publisher,
+                          zeb_notification_create("/large", body.data(), static_cast<int32_t>(body.size())));
+    EXPECT_TRUE(eventually([&] { return takesNothingMore(connection); }));
+    EXPECT_EQ(zeb_shutdown_nowait(), 0);
+    EXPECT_EQ(daemon.take_waiting(), -1);
 }
 
 } // namespace
