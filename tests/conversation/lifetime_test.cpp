@@ -155,10 +155,14 @@ TEST_F(lifetime, readers_of_a_dropped_member_are_woken_by_the_shutdown)
     daemon.refuse();
     p.close();
     EXPECT_EQ(receive_type(sub), "ZEB/SYSTEM/LEAVEGROUP");
-    /* The hint of the delivery above, which may come a moment after it. */
-    EXPECT_EQ(zeb_subscriber_multirecv(list, 1, 20000), sub);
     background reading([&] { return read_all(in); });
-    background waiting([&] { return zeb_subscriber_multirecv(list, 1, 0); });
+    background waiting([&] {
+        zeb_subscriber *told; /* the hint of each delivery may come a moment after it */
+        do
+            told = zeb_subscriber_multirecv(list, 1, 0);
+        while (told == sub);
+        return told;
+    });
     zeb_shutdown_nowait();
     EXPECT_EQ(reading.get(), 0);
     EXPECT_EQ(waiting.get(), nullptr);

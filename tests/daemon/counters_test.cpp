@@ -160,6 +160,8 @@ bool reread(scene &s, const std::string &content, const std::string &name)
 bool without_descriptors(scene &s)
 {
     s.serve("", "ulimit -n 30; ");
+    if (s.counter("acceptFailures") != 0) /* whoever asks afterwards has been accepted before */
+        return false;
     std::list<peer> many(40);
     for (peer &each : many)
         if (!each.dial(s.daemon.port))

@@ -36,17 +36,24 @@ struct failing {
     }
 };
 
+/* Threads of the library come here while exit destroys what is static, so no container is. */
+template <typename T>
+T &everlasting()
+{
+    return *new T;
+}
+
 std::mutex lock; /* guards everything below; never held during the real call */
-std::vector<unsigned> sleepsSoFar;
+auto &sleepsSoFar = everlasting<std::vector<unsigned>>();
 zebtest::milliseconds perSecond{1000};
-std::vector<zebtest::interposed::created_thread> threadsSoFar;
+auto &threadsSoFar = everlasting<std::vector<zebtest::interposed::created_thread>>();
 failing threads;
 size_t leastStack = 0;
 int resolverError = 0;
-std::string lookup;
+auto &lookup = everlasting<std::string>();
 int lookupCount = 0;
 bool addressesGiven = false;
-std::vector<std::string> addressesToFind;
+auto &addressesToFind = everlasting<std::vector<std::string>>();
 failing sockets;
 uint16_t boundPort = 0;
 
