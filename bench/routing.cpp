@@ -118,7 +118,7 @@ double cost_with_patterns(const std::string &beginning, int patterns, const char
 {
     bed b;
     for (int i = 0; i < patterns; i++)
-        b.up(static_cast<connection_id>(2 + i), 1, beginning + std::to_string(i) + end);
+        b.up(client(2 + i), 1, beginning + std::to_string(i) + end);
     return cost_of(b, event_of_type("/app/type/7"), 20);
 }
 
@@ -203,9 +203,7 @@ void measure_costly_joining(int members, const char *before, const char *after)
             longest, std::chrono::steady_clock::now() - from);
     };
     for (int i = 0; i < members; i++)
-        timed([&] {
-            b.up(static_cast<connection_id>(1 + i), 1, "null", before + std::to_string(i) + after, true);
-        });
+        timed([&] { b.up(client(1 + i), 1, "null", before + std::to_string(i) + after, true); });
     for (int i = 0; i < 10000 && membership_pending(b.routing.members); i++)
         timed([&] { engine_flush(b.routing); });
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
