@@ -19,6 +19,11 @@ int threads_named(std::string_view name)
     return count;
 }
 
+bool threads_become(std::string_view name, int count)
+{
+    return eventually([&] { return threads_named(name) == count; });
+}
+
 int open_descriptors()
 {
     int count = 0;

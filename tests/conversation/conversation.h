@@ -95,8 +95,12 @@ inline std::string published(std::string_view component, std::string_view type, 
            std::string(body);
 }
 
-/* Number of this process's threads with NAME; "" counts all. */
+/* Number of this process's threads with NAME; "" counts all. A thread that was joined may be counted for a
+ * moment. */
 int threads_named(std::string_view name);
+
+/* Waits until there are COUNT of them. */
+bool threads_become(std::string_view name, int count);
 
 /* Number of open descriptors. */
 int open_descriptors();

@@ -119,7 +119,7 @@ TEST_F(lifetime, callback_holds_the_first_piece_of_an_ended_stream_through_the_s
     ASSERT_TRUE(eventually([] { return called.load(); }));
     zeb_shutdown();
     goOn = true;
-    EXPECT_TRUE(eventually([] { return threads_named("zeb-dispatch") == 0; }));
+    EXPECT_TRUE(threads_become("zeb-dispatch", 0));
 }
 
 TEST_F(lifetime, forked_child_drops_a_stream_that_ended_before_anybody_read_it)

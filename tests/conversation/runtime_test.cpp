@@ -308,7 +308,7 @@ TEST_F(runtime, service_threads_are_named_and_block_every_signal)
 {
     peer p = connected();
     for (const char *name : {"zeb-receive", "zeb-send"}) {
-        ASSERT_TRUE(eventually([&] { return threads_named(name) == 1; })) << name;
+        ASSERT_TRUE(threads_become(name, 1)) << name;
         const uint64_t blocked = std::stoull(thread_status(name, "SigBlk"), nullptr, 16);
         for (int signal = 1; signal < 32; signal++) {
             if (signal == SIGKILL || signal == SIGSTOP)
@@ -322,9 +322,9 @@ TEST_F(runtime, service_threads_are_two)
 {
     const int before = threads_named("");
     peer p = connected();
-    EXPECT_TRUE(eventually([&] { return threads_named("") == before + 2; }));
+    EXPECT_TRUE(threads_become("", before + 2));
     zeb_shutdown();
-    EXPECT_TRUE(eventually([&] { return threads_named("") == before; }));
+    EXPECT_TRUE(threads_become("", before));
 }
 
 TEST_F(runtime, init_leaves_the_signal_mask_of_its_caller_alone)

@@ -304,7 +304,7 @@ void remote_call(run &r)
 {
     serve_call(r);
     make_call(r);
-    eventually([] { return threads_named("zeb-dispatch") == 0; });
+    threads_become("zeb-dispatch", 0);
 }
 
 void reconnect(run &r)
