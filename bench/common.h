@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -80,6 +82,38 @@ inline int listen_loopback()
     fflush(stdout);
     return fd;
 }
+
+/* Lets POLL, an epoll, tell when FD can be read. */
+inline void watch(int poll, int fd)
+{
+    epoll_event wanted{};
+    wanted.events = EPOLLIN;
+    wanted.data.fd = fd;
+    require(epoll_ctl(poll, EPOLL_CTL_ADD, fd, &wanted) == 0, "epoll_ctl");
+}
+
+/* Responses that may come before somebody asks for them. */
+class response_queue
+{
+  public:
+    void add(std::string_view response)
+    {
+        waiting.emplace_back(response);
+    }
+    /* Turns until there is one; it lives until the next is asked for. */
+    std::string_view next(void (*turn)())
+    {
+        while (waiting.empty())
+            turn();
+        handedOut = std::move(waiting.front());
+        waiting.pop_front();
+        return handedOut;
+    }
+
+  private:
+    std::deque<std::string> waiting;
+    std::string handedOut;
+};
 
 /* ---- An event as text: a line for each property, an empty line, the body ---- */
 

@@ -2,7 +2,6 @@
  * its fastest way. The protocol has no properties, so they stand in the payload. */
 #include "common.h"
 
-#include <deque>
 #include <mosquitto.h>
 
 namespace bench
@@ -12,7 +11,7 @@ static mosquitto *connection = nullptr;
 static bool subscribed = false;
 static bool receiving = true;
 static bool (*receiver)(const event &e) = nullptr;
-static std::deque<std::string> responses;
+static response_queue responses;
 static std::string payload;
 static const std::string responseTopic = std::string(callName) + "/response";
 
@@ -50,7 +49,7 @@ static void on_message(mosquitto *, void *, const mosquitto_message *message)
     else if (topic == callName)
         send_to(responseTopic, content);
     else
-        responses.emplace_back(content);
+        responses.add(content);
 }
 
 void peer_open(const peer_options &options)
@@ -131,12 +130,7 @@ void peer_call(std::string_view body)
 
 std::string_view peer_response()
 {
-    static std::string response;
-    while (responses.empty())
-        turn();
-    response = std::move(responses.front());
-    responses.pop_front();
-    return response;
+    return responses.next(turn);
 }
 
 } // namespace bench

@@ -2,7 +2,6 @@
  * array of bytes; a call is a method call. */
 #include "common.h"
 
-#include <deque>
 #include <systemd/sd-bus.h>
 
 namespace bench
@@ -14,7 +13,7 @@ static constexpr const char *service = "org.bench.Callee";
 static sd_bus *bus = nullptr;
 static bool receiving = true;
 static bool (*receiver)(const event &e) = nullptr;
-static std::deque<std::string> responses;
+static response_queue responses;
 
 static int check(int result)
 {
@@ -142,7 +141,7 @@ void peer_prepare_calls() {}
 static int on_response(sd_bus_message *answer, void *, sd_bus_error *)
 {
     require(sd_bus_message_is_method_error(answer, nullptr) == 0, "the call");
-    responses.emplace_back(read_bytes(answer));
+    responses.add(read_bytes(answer));
     return 1;
 }
 
@@ -157,12 +156,7 @@ void peer_call(std::string_view body)
 
 std::string_view peer_response()
 {
-    static std::string response;
-    while (responses.empty())
-        turn();
-    response = std::move(responses.front());
-    responses.pop_front();
-    return response;
+    return responses.next(turn);
 }
 
 } // namespace bench

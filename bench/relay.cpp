@@ -65,14 +65,6 @@ void on_bytes(int fd, std::string_view bytes)
         pass_on(receivers.at(roles[fd]), bytes);
 }
 
-void watch(int poll, int fd)
-{
-    epoll_event wanted{};
-    wanted.events = EPOLLIN;
-    wanted.data.fd = fd;
-    require(epoll_ctl(poll, EPOLL_CTL_ADD, fd, &wanted) == 0, "epoll_ctl");
-}
-
 void relay(int listening)
 {
     const int poll = epoll_create1(EPOLL_CLOEXEC);

@@ -108,14 +108,6 @@ bool take_input(connection &c)
     return true;
 }
 
-void watch(int poll, int fd)
-{
-    epoll_event wanted{};
-    wanted.events = EPOLLIN;
-    wanted.data.fd = fd;
-    require(epoll_ctl(poll, EPOLL_CTL_ADD, fd, &wanted) == 0, "epoll_ctl");
-}
-
 void serve(int listening)
 {
     const int poll = epoll_create1(EPOLL_CLOEXEC);

@@ -1,5 +1,7 @@
 #include "storm.h"
 
+#include "patience.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -67,6 +69,24 @@ usage usage_of(pid_t pid)
     const std::string process = "/proc/" + std::to_string(pid);
     return {anonymous_kilobytes(process + "/status"), entries_of(process + "/fd"),
             entries_of(process + "/task")};
+}
+
+std::string look_at(pid_t pid, usage_record &record)
+{
+    usage &first = record.first, &last = record.last;
+    last = usage_of(pid);
+    if (record.kilobytes.empty())
+        first = last;
+    const bool same = zebtest::eventually([&] {
+        last = usage_of(pid);
+        return last.descriptors == first.descriptors && last.threads == first.threads;
+    });
+    record.kilobytes.push_back(last.kilobytes);
+    const auto text = [](const usage &u) {
+        return std::to_string(static_cast<int>(u.descriptors)) + " descriptors and " +
+               std::to_string(static_cast<int>(u.threads)) + " threads";
+    };
+    return same ? "" : text(last) + " instead of " + text(first);
 }
 
 /* The port in the address that ASK tells of FD; 0 when there is none. */

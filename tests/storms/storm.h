@@ -28,6 +28,16 @@ struct usage {
 /* Of the process PID; all zero when there is none. */
 usage usage_of(pid_t pid);
 
+/* What a process used, each time it was looked at. */
+struct usage_record {
+    std::vector<double> kilobytes;
+    usage first, last;
+};
+
+/* Looks at the process PID, again until its descriptors and threads are as many as the first time. Returns
+ * how they differ in the end, and nothing when they do not. */
+std::string look_at(pid_t pid, usage_record &record);
+
 /* The descriptor of this process's only connection, and the port at this end of it; -1 and 0 without one. */
 int own_connection();
 uint16_t own_port();
