@@ -6,37 +6,81 @@
 #include "ezebutil.h"
 
 #include <ctype.h>
+#include <endian.h>
 #include <string.h>
 
+enum { WORD = 8, HALF = 4, BITS = 8 };
+
+/* COUNT bytes, 1 to 8 of them, the first one lowest; from 4 on in two loads that may overlap. */
+static uint64_t load_word(const char *bytes, size_t count)
+{
+    uint64_t word = 0;
+    if (count >= HALF) {
+        uint32_t low;
+        uint32_t high;
+        memcpy(&low, bytes, HALF);
+        memcpy(&high, bytes + count - HALF, HALF);
+        return le32toh(low) | static_cast<uint64_t>(le32toh(high)) << (count - HALF) * BITS;
+    }
+    for (size_t i = 0; i < count; i++)
+        word |= static_cast<uint64_t>(static_cast<unsigned char>(bytes[i])) << i * BITS;
+    return word;
+}
+
+/* The bytes of WORD, each shifted by its place and XORed: joined to pairs, to fours, and all. */
+static uint32_t fold_word(uint64_t word)
+{
+    word = (word & 0x00FF00FF00FF00FF) ^ (word >> 7 & 0x01FE01FE01FE01FE);
+    word = (word & 0x000001FF000001FF) ^ (word >> 14 & 0x000007FC000007FC);
+    return static_cast<uint32_t>(word ^ word >> 28);
+}
+
+/* A round of shifts takes three words and the one byte that is shifted most. */
 uint32_t ezeb_bb_namehash(const char *name, size_t length)
 {
     enum { LAST_SHIFT = 24 };
     uint32_t hash = 0;
     unsigned shift = 0;
-    for (size_t i = 0; i < length; i++) {
-        hash ^= static_cast<uint32_t>(static_cast<unsigned char>(name[i])) << shift;
-        shift = shift == LAST_SHIFT ? 0 : shift + 1;
+    size_t count;
+    for (size_t i = 0; i < length; i += count) {
+        const size_t most = shift == LAST_SHIFT ? 1 : WORD;
+        count = length - i < most ? length - i : most;
+        hash ^= fold_word(load_word(name + i, count)) << shift;
+        shift = shift == LAST_SHIFT ? 0 : shift + WORD;
     }
     return hash;
+}
+
+/* Memory for a node: of its own, or in ARENA. */
+static void *node_memory(ezeb_arena *arena, size_t size)
+{
+    return arena != nullptr ? ezeb_arena_alloc(arena, size) : ezeb_malloc(size);
+}
+
+template <typename Node>
+static void free_node(Node *node)
+{
+    if (!node->inArena)
+        ezeb_free(node);
 }
 
 /* A name to look for. */
 struct probe {
     const char *name;
-    uint32_t length;
+    size_t length;
     uint32_t hash;
 };
 
 static probe make_probe(const char *name, size_t length)
 {
-    return {name, static_cast<uint32_t>(length), ezeb_bb_namehash(name, length)};
+    return {name, length, ezeb_bb_namehash(name, length)};
 }
 
 template <typename Node>
 static bool matches(const Node *node, const probe &p)
 {
-    return node->namehash == p.hash && node->namelength == p.length &&
-           memcmp(node->name, p.name, p.length) == 0;
+    return node->namehash == p.hash && node->namelength == static_cast<uint32_t>(p.length) &&
+           memcmp(node->name, p.name, node->namelength) == 0;
 }
 
 template <typename List, typename Node>
@@ -111,11 +155,18 @@ static void index_add(zeb_bb_seg *segment, zeb_bb_elem *element)
 
 /* ---- Elements ---- */
 
-static zeb_bb_elem *find_element(const zeb_bb_seg *segment, const char *name, size_t length)
+/* One of 64 bits. The hash differs most in bits that depend on the length, so all of them are stirred. */
+static uint64_t name_bit(uint32_t namehash)
 {
+    return UINT64_C(1) << (namehash * 0x9E3779B1U >> 26);
+}
+
+static zeb_bb_elem *find_element(const zeb_bb_seg *segment, const probe &p)
+{
+    if ((segment->names & name_bit(p.hash)) == 0)
+        return nullptr;
     if (segment->index != nullptr)
-        return *index_slot(segment->index, name, static_cast<uint32_t>(length));
-    const probe p = make_probe(name, length);
+        return *index_slot(segment->index, p.name, static_cast<uint32_t>(p.length));
     for (zeb_bb_elem *e = segment->elements.first; e != nullptr; e = e->next) {
         if (matches(e, p))
             return e;
@@ -130,41 +181,45 @@ static void unlink_element(zeb_bb_elemlist *list, zeb_bb_elem *e)
     list->count--;
 }
 
-static zeb_bb_elem *new_element(const char *name, size_t namelength, const void *value, int32_t length)
+static zeb_bb_elem *new_element(ezeb_arena *arena, const probe &p, const void *value, int32_t length)
 {
     const auto valuelength = static_cast<size_t>(length);
-    auto *e = static_cast<zeb_bb_elem *>(ezeb_malloc(sizeof(zeb_bb_elem) + namelength + 1 + valuelength + 1));
+    auto *e =
+        static_cast<zeb_bb_elem *>(node_memory(arena, sizeof(zeb_bb_elem) + p.length + 1 + valuelength + 1));
     if (e == nullptr)
         return nullptr;
     e->name = reinterpret_cast<char *>(e + 1);
-    memcpy(e->name, name, namelength);
-    e->name[namelength] = '\0';
-    e->namelength = static_cast<uint32_t>(namelength);
-    e->namehash = ezeb_bb_namehash(name, namelength);
-    e->value = e->name + namelength + 1;
+    memcpy(e->name, p.name, p.length);
+    e->name[p.length] = '\0';
+    e->namelength = static_cast<uint32_t>(p.length);
+    e->namehash = p.hash;
+    e->value = e->name + p.length + 1;
     if (valuelength > 0)
         memcpy(e->value, value, valuelength);
     e->value[valuelength] = '\0';
     e->length = length;
+    e->inArena = arena != nullptr;
     return e;
 }
 
 /* An element of the same name goes, also when there is no memory for the new one. It is released last, since
  * name and value may stand in it. */
-static zeb_bb_elem *put_element(zeb_bb_seg *segment, const char *name, size_t namelength, const void *value,
+static zeb_bb_elem *put_element(ezeb_arena *arena, zeb_bb_seg *segment, const probe &p, const void *value,
                                 int32_t length)
 {
-    zeb_bb_elem *old = find_element(segment, name, namelength);
+    zeb_bb_elem *old = find_element(segment, p);
     if (old != nullptr)
         unlink_element(&segment->elements, old);
-    zeb_bb_elem *fresh = new_element(name, namelength, value, length);
+    zeb_bb_elem *fresh = new_element(arena, p, value, length);
     if (fresh != nullptr) {
         append(&segment->elements, fresh);
+        segment->names |= name_bit(fresh->namehash);
         index_add(segment, fresh);
     } else if (old != nullptr) {
         index_drop(segment);
     }
-    ezeb_free(old);
+    if (old != nullptr)
+        free_node(old);
     return fresh;
 }
 
@@ -179,7 +234,7 @@ zeb_bb_elem *ezeb_bb_seg_addelement_b(zeb_bb_seg *segment, const char *name, con
             return nullptr;
         length = static_cast<int32_t>(textlength);
     }
-    return put_element(segment, name, strlen(name), value, length);
+    return put_element(nullptr, segment, make_probe(name, strlen(name)), value, length);
 }
 
 zeb_bb_elem *ezeb_bb_seg_addelement(zeb_bb_seg *segment, const char *name, const char *value)
@@ -191,7 +246,8 @@ const char *ezeb_bb_seg_getelement(const zeb_bb_seg *segment, const char *name, 
 {
     if (segment == nullptr)
         return nullptr; /* *LENGTH is left alone here, and only here */
-    const zeb_bb_elem *found = name != nullptr ? find_element(segment, name, strlen(name)) : nullptr;
+    const zeb_bb_elem *found =
+        name != nullptr ? find_element(segment, make_probe(name, strlen(name))) : nullptr;
     return ezeb_bb_elem_getvalue(found, length);
 }
 
@@ -224,9 +280,9 @@ const char *ezeb_bb_elem_getvalue(const zeb_bb_elem *element, int32_t *length)
 
 /* ---- Segments ---- */
 
-static zeb_bb_seg *new_segment(const char *name, size_t namelength)
+static zeb_bb_seg *new_segment(ezeb_arena *arena, const char *name, size_t namelength)
 {
-    auto *s = static_cast<zeb_bb_seg *>(ezeb_malloc(sizeof(zeb_bb_seg) + namelength + 1));
+    auto *s = static_cast<zeb_bb_seg *>(node_memory(arena, sizeof(zeb_bb_seg) + namelength + 1));
     if (s == nullptr)
         return nullptr;
     *s = zeb_bb_seg{};
@@ -235,6 +291,7 @@ static zeb_bb_seg *new_segment(const char *name, size_t namelength)
     s->name[namelength] = '\0';
     s->namelength = static_cast<uint32_t>(namelength);
     s->namehash = ezeb_bb_namehash(name, namelength);
+    s->inArena = arena != nullptr;
     return s;
 }
 
@@ -260,7 +317,7 @@ static zeb_bb_seg *find_or_add(zeb_bb_seglist *list, zeb_bb_seg *parent, const c
     zeb_bb_seg *segment = find_segment(list, name);
     if (segment != nullptr)
         return segment;
-    segment = new_segment(name, strlen(name));
+    segment = new_segment(nullptr, name, strlen(name));
     if (segment != nullptr)
         link_segment(list, parent, segment);
     return segment;
@@ -278,7 +335,7 @@ zeb_bb_seg *ezeb_bb_addsegment(zeb_bb *block, const char *name)
 
 zeb_bb_seg *ezeb_bb_appendsegment(zeb_bb *block, const char *name)
 {
-    zeb_bb_seg *segment = new_segment(name, strlen(name));
+    zeb_bb_seg *segment = new_segment(nullptr, name, strlen(name));
     if (segment != nullptr)
         link_segment(&block->segments, nullptr, segment);
     return segment;
@@ -331,11 +388,11 @@ static void free_segment(zeb_bb_seg *segment)
     zeb_bb_elem *e = segment->elements.first;
     while (e != nullptr) {
         zeb_bb_elem *next = e->next;
-        ezeb_free(e);
+        free_node(e);
         e = next;
     }
-    ezeb_free(segment->index);
-    ezeb_free(segment);
+    index_drop(segment);
+    free_node(segment);
 }
 
 /* Sub-segments go before their segment: its list is taken off, so that coming back to it finds none. */
@@ -355,6 +412,7 @@ void ezeb_bb_destroy(zeb_bb *block)
             s = next;
         }
     }
+    ezeb_arena_release(&block->decoded);
     ezeb_free(block);
 }
 
@@ -489,11 +547,12 @@ void *ezeb_bb_block2body(const zeb_bb *block, int32_t *length)
     return body;
 }
 
-/* What is left to decode. */
+/* What is left to decode, and where it goes. */
 struct bytes {
     const char *at;
     size_t left;
     size_t unbounded; /* how many more bytes may be looked through, and copied, without being consumed */
+    ezeb_arena *arena;
 };
 
 static unsigned read_tag(bytes *in)
@@ -533,29 +592,33 @@ static zeb_bb_seg *read_segment(bytes *in)
     if (!read_run(in, &run) || run == 0 || in->left < run)
         return nullptr;
     const char *name = take(in, run);
-    zeb_bb_seg *segment = new_segment(name, strnlen(name, run - 1));
+    zeb_bb_seg *segment = new_segment(in->arena, name, strnlen(name, run - 1));
     if (segment != nullptr)
         segment->level = static_cast<unsigned char>(name[run - 1]);
     return segment;
 }
 
-/* A run of text in an element. A run of 0 stands for the greatest length: then the text ends at its NUL, if
- * there is one in what is left, and nothing is consumed. Many of these could copy the rest of the body over
- * and over, so all of them together look through no more bytes than the body has; beyond that they are
- * absent. */
+/* A run of text in an element. */
 struct run_text {
     const char *text; /* null: absent */
     size_t length;
 };
 
+/* A run of 0 stands for the greatest length: then the text ends at its NUL, if there is one in what is left,
+ * and nothing is consumed. Many of these could copy the rest of the body over and over, so all of them
+ * together look through no more bytes than the body has; beyond that they are absent. */
+static run_text read_unbounded(bytes *in)
+{
+    const size_t span = in->left < in->unbounded ? in->left : in->unbounded;
+    const size_t length = strnlen(in->at, span);
+    in->unbounded -= length;
+    return length < span ? run_text{in->at, length} : run_text{nullptr, 0};
+}
+
 static run_text read_text(bytes *in, size_t run)
 {
-    if (run == 0) {
-        const size_t span = in->left < in->unbounded ? in->left : in->unbounded;
-        const size_t length = strnlen(in->at, span);
-        in->unbounded -= length;
-        return length < span ? run_text{in->at, length} : run_text{nullptr, 0};
-    }
+    if (run == 0)
+        return read_unbounded(in);
     if (in->left < run)
         return {nullptr, 0};
     return {take(in, run), run - 1};
@@ -577,7 +640,8 @@ static bool read_element(bytes *in, zeb_bb_seg *segment)
         return true;
     const size_t namelength =
         namerun != 0 ? strnlen(name.text, namerun) : name.length; /* ends with its run at the latest */
-    put_element(segment, name.text, namelength, value.text, static_cast<int32_t>(value.length));
+    put_element(in->arena, segment, make_probe(name.text, namelength), value.text,
+                static_cast<int32_t>(value.length));
     return true;
 }
 
@@ -613,10 +677,8 @@ static void decode(bytes *in, zeb_bb *block)
         zeb_bb_seg *segment = read_segment(in);
         if (segment == nullptr)
             return;
-        if (!link_decoded(block, last, segment)) {
-            free_segment(segment);
+        if (!link_decoded(block, last, segment))
             return;
-        }
         last = segment;
         tag = read_elements(in, segment);
     }
@@ -631,7 +693,7 @@ zeb_bb *ezeb_bb_body2block(const void *body, int32_t length)
     if (block == nullptr)
         return nullptr;
     const size_t records = static_cast<size_t>(length) - sizeof(signature);
-    bytes in = {static_cast<const char *>(body) + sizeof(signature), records, records};
+    bytes in = {static_cast<const char *>(body) + sizeof(signature), records, records, &block->decoded};
     decode(&in, block);
     return block;
 }

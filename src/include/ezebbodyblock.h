@@ -2,13 +2,15 @@
 #ifndef EZEBBODYBLOCK_H
 #define EZEBBODYBLOCK_H
 
+#include "ezebutil.h"
 #include "zeb.h"
 
 #include <stddef.h>
 
 struct ezeb_bb_index;
 
-/* Name and value stand behind the record, in the same allocation, each with a NUL. */
+/* Name and value stand behind the record, in the same allocation, each with a NUL. Nodes that are added have
+ * an allocation of their own; those that were decoded stand in the arena of their block. */
 struct zeb_bb_elem {
     zeb_bb_elem *next;
     zeb_bb_elem *prev;
@@ -17,6 +19,7 @@ struct zeb_bb_elem {
     uint32_t namehash;
     char *value;
     int32_t length;
+    bool inArena;
 };
 
 struct zeb_bb_elemlist {
@@ -41,12 +44,15 @@ struct zeb_bb_seg {
     uint32_t namehash;
     zeb_bb_elemlist elements;
     zeb_bb_seglist segments;
-    uint32_t level;       /* as decoded; 0 for segments made by an add */
+    uint64_t names; /* a bit for each name that an element has, or had: most that are new are known by it */
+    uint32_t level; /* as decoded; 0 for segments made by an add */
+    bool inArena;
     ezeb_bb_index *index; /* elements by name, once there are many; or null */
 };
 
 struct zeb_bb {
     zeb_bb_seglist segments;
+    ezeb_arena decoded;
 };
 
 char *ezeb_bb_toString(const zeb_bb *block);

@@ -4,6 +4,7 @@
 #include "unit.h"
 
 #include <cstring>
+#include <memory>
 #include <pthread.h>
 #include <random>
 #include <vector>
@@ -62,6 +63,22 @@ TEST_F(Bodyblock, TheHashShiftsEachByteByOneMoreUpTo24)
     const std::string zeros(24, '\0');
     EXPECT_EQ(hash(zeros + "a"), 0x61U << 24);
     EXPECT_EQ(hash(zeros + std::string(1, '\0') + "a"), 0x61U) << "the shift starts over";
+}
+
+TEST_F(Bodyblock, TheHashOfAnyLengthIsThatOfItsBytesOneByOne)
+{
+    std::mt19937 random(7);
+    for (size_t length = 0; length < 120; length++) {
+        std::string name(length, '\0');
+        uint32_t expected = 0;
+        for (size_t i = 0; i < length; i++) {
+            name[i] = static_cast<char>(random());
+            expected ^= static_cast<uint32_t>(static_cast<unsigned char>(name[i])) << i % 25;
+        }
+        const std::unique_ptr<char[]> exact(new char[length]); /* so that a read behind it is found out */
+        memcpy(exact.get(), name.data(), length);
+        EXPECT_EQ(ezeb_bb_namehash(exact.get(), length), expected) << length;
+    }
 }
 
 TEST_F(Bodyblock, NamesOfEqualHashAreDistinct)

@@ -256,6 +256,32 @@ TEST(Decoding, ALaterElementOfANameReplacesTheEarlier)
               "(1:s 1:m=1:x 1:k=1:2 )");
 }
 
+/* Decoded nodes share memory, added ones do not: either may take the place of the other. */
+TEST(Decoding, ADecodedBlockIsChangedLikeAnyOther)
+{
+    std::string bytes = body(unit::bytes("\x01\x00\x02s\x00\x00"));
+    for (char name = 'a'; name <= 'z'; name++)
+        for (const char value : {'1', '2'})
+            bytes += std::string(unit::bytes("\x02\x00\x01")) + name +
+                     std::string(unit::bytes("\x00\x00\x01")) + value + '\0';
+    zeb_bb *block = decode(bytes);
+    zeb_bb_seg *s = zeb_bb_getsegment(block, "s");
+    for (const char *name : {"a", "m", "z", "m", "m"}) {
+        const std::string longer = std::string(zeb_bb_seg_getelement(s, name, nullptr)) + "+";
+        zeb_bb_seg_addelement(s, name, longer.c_str());
+    }
+    const char *inside = zeb_bb_seg_getelement(s, "b", nullptr);
+    zeb_bb_seg_addelement(s, "b", inside);
+    zeb_bb_seg_addelement(zeb_bb_seg_addsegment(s, "t"), "x", "y");
+    std::string expected = "Seg:s\n";
+    for (char name = 'c'; name <= 'y'; name++)
+        expected += name != 'm' ? std::string("  ") + name + "=2\n" : "";
+    expected += "  a=2+\n  z=2+\n  m=2+++\n  b=2\n  Seg:t\n    x=y\n";
+    EXPECT_EQ(unit::text(zeb_bb_toString(block)).get(), expected);
+    EXPECT_EQ(s->elements.count, 26U);
+    zeb_bb_destroy(block);
+}
+
 TEST(Decoding, ANameWithoutANulEndsWithItsRun)
 {
     EXPECT_EQ(decoded(body(unit::bytes("\x01\x00\x02st\x00"
