@@ -365,12 +365,57 @@ static void finish(client &c)
         client_end(c);
 }
 
-static void collect_buffers(const outgoing &item, std::vector<uv_buf_t> &buffers)
+static void add_buffer(server &s, std::string_view piece)
 {
-    for (const std::string_view piece : outgoing_bytes(item))
-        if (!piece.empty())
-            buffers.push_back(
-                uv_buf_init(const_cast<char *>(piece.data()), static_cast<unsigned>(piece.size())));
+    s.buffers.push_back(uv_buf_init(const_cast<char *>(piece.data()), static_cast<unsigned>(piece.size())));
+}
+
+/* Up to so many octets, the kernel's work for a piece of its own is more than that of copying it. */
+static constexpr size_t smallPiece = 1024;
+
+/* Small pieces are put together in server.output, of which USED octets are taken. */
+static void gather_piece(server &s, std::string_view piece, size_t &used)
+{
+    if (piece.empty())
+        return;
+    if (piece.size() > smallPiece || piece.size() > sizeof(s.output) - used)
+        return add_buffer(s, piece);
+    char *at = s.output + used;
+    used += piece.copy(at, piece.size());
+    if (!s.buffers.empty() && s.buffers.back().base + s.buffers.back().len == at)
+        s.buffers.back().len += piece.size();
+    else
+        add_buffer(s, {at, piece.size()});
+}
+
+/* Sets server.buffers to the batch and returns its octets. */
+static size_t gather_batch(const client &c)
+{
+    server &s = *c.owner;
+    s.buffers.clear();
+    size_t used = 0, octets = 0;
+    for (const queued_item &entry : c.queue.writing) {
+        for (const std::string_view piece : outgoing_bytes(entry.item)) {
+            gather_piece(s, piece, used);
+            octets += piece.size();
+        }
+    }
+    return octets;
+}
+
+/* The same without the first WRITTEN octets, and not gathered: it stays valid as long as the batch. */
+static void point_to_batch(const client &c, size_t written)
+{
+    server &s = *c.owner;
+    s.buffers.clear();
+    for (const queued_item &entry : c.queue.writing) {
+        for (const std::string_view piece : outgoing_bytes(entry.item)) {
+            const size_t done = std::min(written, piece.size());
+            written -= done;
+            if (done < piece.size())
+                add_buffer(s, piece.substr(done));
+        }
+    }
 }
 
 static void count_batch(client &c)
@@ -386,32 +431,69 @@ static void count_batch(client &c)
     }
 }
 
-/* The end of the write calls for the next batch. */
-void client_flush(client &c)
+static bool begin_batch(client &c)
 {
-    if (!c.queue.writing.empty())
-        return;
-    if (!send_queue_begin_write(c.queue)) {
-        if (c.owner->stopping)
-            finish(c);
-        return;
-    }
-    std::vector<uv_buf_t> buffers;
-    for (const queued_item &entry : c.queue.writing)
-        collect_buffers(entry.item, buffers);
+    if (!send_queue_begin_write(c.queue))
+        return false;
     count_batch(c);
+    return true;
+}
+
+static void fail_batch(client &c, int status)
+{
+    send_queue_end_write(c.queue);
+    end_for_socket(c, "writing", status);
+}
+
+/* Leaves the batch, without its first WRITTEN octets, to the loop, whose end of it calls for the next. */
+static void write_later(client &c, size_t written)
+{
+    point_to_batch(c, written);
     c.write.data = &c;
-    auto *stream = reinterpret_cast<uv_stream_t *>(&c.tcp);
-    const int status =
-        uv_write(&c.write, stream, buffers.data(), static_cast<unsigned>(buffers.size()), on_written);
-    if (status < 0) {
-        send_queue_end_write(c.queue);
-        return end_for_socket(c, "writing", status);
-    }
+    const std::vector<uv_buf_t> &buffers = c.owner->buffers;
+    const int status = uv_write(&c.write, reinterpret_cast<uv_stream_t *>(&c.tcp), buffers.data(),
+                                static_cast<unsigned>(buffers.size()), on_written);
+    if (status < 0)
+        return fail_batch(c, status);
     c.wroteAt = uv_now(&c.owner->loop);
     note_progress(c);
     if (c.unwritten > 0)
         watch_deadlines(*c.owner);
+}
+
+/* Returns whether the socket took the batch as a whole. */
+static bool write_now(client &c)
+{
+    const size_t octets = gather_batch(c);
+    const std::vector<uv_buf_t> &buffers = c.owner->buffers;
+    const int taken = uv_try_write(reinterpret_cast<uv_stream_t *>(&c.tcp), buffers.data(),
+                                   static_cast<unsigned>(buffers.size()));
+    if (taken < 0 && taken != UV_EAGAIN) {
+        fail_batch(c, taken);
+        return false;
+    }
+    const auto written = static_cast<size_t>(std::max(taken, 0));
+    if (written < octets) {
+        write_later(c, written);
+        return false;
+    }
+    send_queue_end_write(c.queue);
+    compare_with_soft_limit(c);
+    return true;
+}
+
+/* Nearly always the socket takes all there is. More than one batch is left to the loop, between whose turns
+ * the other clients have theirs. */
+void client_flush(client &c)
+{
+    if (!c.queue.writing.empty())
+        return;
+    if (begin_batch(c) && !write_now(c))
+        return;
+    if (begin_batch(c))
+        write_later(c, 0);
+    else if (c.owner->stopping)
+        finish(c);
 }
 
 void clients_settle(server &s)

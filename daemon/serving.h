@@ -82,8 +82,10 @@ struct server {
     std::vector<client *> dirty; /* to be looked at by settle() */
     connection_id lastConnection = 0;
     bool stopping = false;
-    size_t unfinished = 0;   /* while stopping: clients not yet served */
-    char input[64 * 1024]{}; /* one read at a time */
+    size_t unfinished = 0;         /* while stopping: clients not yet served */
+    char input[64 * 1024]{};       /* one read at a time */
+    char output[128 * 1024]{};     /* one write at a time */
+    std::vector<uv_buf_t> buffers; /* likewise; kept for its room */
 };
 
 /* ---- server.cpp ---- */

@@ -124,6 +124,45 @@ TEST_F(Server, KeepsTheOrderOfOneClientThroughAFlood)
     }
 }
 
+/* The socket takes what it can of a batch; the rest follows as the reader gets on. */
+TEST_F(Server, BodiesOfAllSizesComeWholeAndInOrderToASlowReader)
+{
+    serve();
+    peer from, to;
+    ASSERT_TRUE(to.dial(daemon.port));
+    const int small = 65536;
+    setsockopt(to.fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    ASSERT_TRUE(to.say(wire::connect));
+    to.hear("\r\n\r\n");
+    ASSERT_TRUE(to.subscribe() && from.join(daemon.port));
+    static constexpr size_t sizes[] = {0, 1, 200, 1023, 1024, 1025, 3000, 20000, 70000};
+    const auto body_of = [](size_t i) {
+        return std::string(sizes[i % std::size(sizes)] + i % 7, static_cast<char>('a' + i % 26));
+    };
+    constexpr size_t count = 1000;
+    std::string flood;
+    for (size_t i = 0; i < count; i++) {
+        const std::string body = body_of(i);
+        flood += wire::with(wire::bareEvent, "Content-Length: 0",
+                            "Content-Length: " + std::to_string(body.size())) +
+                 body;
+    }
+    ASSERT_TRUE(from.say(flood) && from.round_trip());
+    for (size_t i = 0; i < count; i++) {
+        const std::string body = body_of(i);
+        const std::string header = to.hear("AddrList-Length: 0\r\n\r\n");
+        ASSERT_EQ(header.find("POST /event "), 0U) << i;
+        ASSERT_NE(header.find("\r\nContent-Length: " + std::to_string(body.size()) + "\r\n"),
+                  std::string::npos)
+            << i;
+        while (to.got.size() < body.size())
+            ASSERT_TRUE(to.more());
+        ASSERT_TRUE(to.got.compare(0, body.size(), body) == 0) << i;
+        to.got.erase(0, body.size());
+    }
+    EXPECT_EQ(to.got, "");
+}
+
 TEST_F(Server, CarriesALargeBodyUnchanged)
 {
     serve();
