@@ -189,8 +189,22 @@ std::string config_text(const configuration &config, const config_key &key)
 
 /* ---- Files ---- */
 
+static bool is_above_ascii(char c)
+{
+    return static_cast<unsigned char>(c) >= 0x80;
+}
+
+/* The parser misleads the compiler about characters above ASCII, so it gets STAND_IN for each of their
+ * octets; outside of texts in quotes and comments it refuses that. */
+static toml::parse_result parse_ascii(std::string text, char stand_in)
+{
+    std::ranges::replace_if(text, is_above_ascii, stand_in);
+    return toml::parse(text);
+}
+
 struct file_reading {
     configuration &config;
+    std::string_view text;
     std::vector<config_problem> problems;
 };
 
@@ -199,9 +213,32 @@ static void complain(file_reading &reading, const toml::source_region &where, st
     reading.problems.push_back({where.begin.line, where.begin.column, std::move(reason)});
 }
 
-static bool store_node(configuration &config, const config_key &key, const toml::node &value,
-                       std::string &why)
+static size_t place_in(std::string_view text, const toml::source_position &at)
 {
+    size_t lineBegin = 0;
+    for (uint32_t line = 1; line < at.line; line++)
+        lineBegin = text.find('\n', lineBegin) + 1;
+    return lineBegin + at.column - 1;
+}
+
+/* A text in quotes with the file's octets where its two readings differ. */
+static std::string read_text(const file_reading &reading, const toml::value<std::string> &value,
+                             const std::string &twin)
+{
+    std::string text = value.get();
+    auto octet = reading.text.begin() + static_cast<ptrdiff_t>(place_in(reading.text, value.source().begin));
+    for (size_t i = 0; i < text.size(); i++)
+        if (text[i] != twin[i]) {
+            octet = std::find_if(octet, reading.text.end(), is_above_ascii);
+            text[i] = *octet++;
+        }
+    return text;
+}
+
+static bool store_node(file_reading &reading, const config_key &key, const toml::node &value,
+                       const toml::node &twin, std::string &why)
+{
+    configuration &config = reading.config;
     if (is_whole(key)) {
         why = std::string(key.name) + " must be a whole number";
         return value.is_integer() && store(config, key, value.as_integer()->get(), why);
@@ -211,7 +248,10 @@ static bool store_node(configuration &config, const config_key &key, const toml:
         return value.is_number() && store(config, key, *value.value<double>(), why);
     }
     why = std::string(key.name) + " must be a text in quotes";
-    return value.is_string() && store(config, key, std::string_view(value.as_string()->get()), why);
+    if (!value.is_string())
+        return false;
+    const std::string text = read_text(reading, *value.as_string(), twin.as_string()->get());
+    return store(config, key, std::string_view(text), why);
 }
 
 static bool is_table_name(const std::string &name)
@@ -219,12 +259,14 @@ static bool is_table_name(const std::string &name)
     return std::ranges::any_of(keys, [&](const config_key &key) { return key.name.starts_with(name + "."); });
 }
 
-static void read_table(file_reading &reading, const toml::table &table, const std::string &prefix)
+/* TWIN is TABLE with another stand-in. Names we know have none, so what they name stands in both. */
+static void read_table(file_reading &reading, const toml::table &table, const toml::table &twin,
+                       const std::string &prefix)
 {
     for (const auto &[name, value] : table) {
         const std::string full = prefix + std::string(name.str());
         if (value.is_table() && is_table_name(full)) {
-            read_table(reading, *value.as_table(), full + ".");
+            read_table(reading, *value.as_table(), *twin.get_as<toml::table>(name.str()), full + ".");
             continue;
         }
         const config_key *key = config_find(full);
@@ -232,50 +274,9 @@ static void read_table(file_reading &reading, const toml::table &table, const st
         if (key == nullptr)
             complain(reading, name.source(),
                      "unknown " + std::string(value.is_table() ? "table " : "key ") + full);
-        else if (!store_node(reading.config, *key, value, why))
+        else if (!store_node(reading, *key, value, *twin.get(name.str()), why))
             complain(reading, value.source(), why);
     }
-}
-
-/* Behind the text in quotes that begins at AT, or behind its line where it does not end there. */
-static size_t end_of_quoted(std::string_view file, size_t at)
-{
-    const std::string three(3, file[at]);
-    const bool isLong = file.substr(at).starts_with(three);
-    const std::string_view mark = std::string_view(three).substr(0, isLong ? 3 : 1);
-    for (at += mark.size(); at < file.size(); at++) {
-        if (file.substr(at).starts_with(mark))
-            return std::min(file.find_first_not_of(mark[0], at + mark.size()), file.size());
-        if (!isLong && file[at] == '\n')
-            return at;
-        if (mark[0] == '"' && file[at] == '\\')
-            at++;
-    }
-    return file.size();
-}
-
-/* The first octet above ASCII outside of texts in quotes and comments. TOML has none there, and the parser is
- * not made for them. The length of FILE when there is none. */
-static size_t find_stray_octet(std::string_view file)
-{
-    size_t at = 0;
-    while (at < file.size() && static_cast<unsigned char>(file[at]) < 0x80) {
-        if (file[at] == '"' || file[at] == '\'')
-            at = end_of_quoted(file, at);
-        else if (file[at] == '#')
-            at = std::min(file.find('\n', at), file.size());
-        else
-            at++;
-    }
-    return at;
-}
-
-static config_problem problem_at(std::string_view file, size_t at, std::string reason)
-{
-    const std::string_view before = file.substr(0, at);
-    const size_t lineBegin = before.rfind('\n') + 1; /* 0 in the first line */
-    return {static_cast<uint32_t>(std::ranges::count(before, '\n') + 1),
-            static_cast<uint32_t>(at - lineBegin + 1), std::move(reason)};
 }
 
 std::vector<config_problem> config_parse(std::string_view text, configuration &config)
@@ -283,15 +284,14 @@ std::vector<config_problem> config_parse(std::string_view text, configuration &c
     static constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
     if (text.starts_with(byteOrderMark))
         text.remove_prefix(byteOrderMark.size());
-    if (const size_t stray = find_stray_octet(text); stray < text.size())
-        return {problem_at(text, stray, "only ASCII can stand outside of quotes")};
-    file_reading reading{config, {}};
-    const toml::parse_result result = toml::parse(text);
-    if (!result) {
-        complain(reading, result.error().source(), std::string(result.error().description()));
-        return reading.problems;
+    const toml::parse_result result = parse_ascii(std::string(text), '?');
+    const toml::parse_result twin = parse_ascii(std::string(text), '!');
+    if (!result || !twin) {
+        const toml::parse_error &error = (result ? twin : result).error();
+        return {{error.source().begin.line, error.source().begin.column, std::string(error.description())}};
     }
-    read_table(reading, result.table(), "");
+    file_reading reading{config, text, {}};
+    read_table(reading, result.table(), twin.table(), "");
     std::ranges::sort(reading.problems, {},
                       [](const config_problem &problem) { return std::pair(problem.line, problem.column); });
     return reading.problems;
