@@ -110,6 +110,21 @@ void ezeb_notification_destroy(zeb_notification *n)
     ezeb_free(n);
 }
 
+ezeb_queue_cell *ezeb_notification_cell(zeb_notification *n)
+{
+    n->item.cell = {n, nullptr, true};
+    return &n->item.cell;
+}
+
+void ezeb_notification_destroyall(ezeb_queue_cell *cells)
+{
+    while (cells != nullptr) {
+        auto *n = static_cast<zeb_notification *>(cells->element);
+        cells = cells->next;
+        ezeb_notification_destroy(n);
+    }
+}
+
 void ezeb_notification_setClass(zeb_notification *n, uint32_t cls)
 {
     n->cls = cls;
@@ -676,6 +691,7 @@ static bool read_into(zeb_notification *n, ezeb_sb *sb, int32_t **ids, int32_t *
         !read_time(sb, &n->deliveryTime))
         return false;
     if (n->cls == ZEB_CLASS_UNKNOWN) {
+        ezeb_sb_settle(sb);
         ezeb_diag("Notification Read Error: unknown class of notification\n");
         return false;
     }

@@ -44,21 +44,41 @@ static void link_first_locked(ezeb_queue *queue, ezeb_queue_cell *cell) EZEB_REQ
     queue->head = cell;
 }
 
-/* False when the queue refuses CELL. */
-static bool insert(ezeb_queue *queue, ezeb_queue_cell *cell, bool first)
+/* Links a chain of cells. How many removers are to be woken for it; -1 when the queue refuses it. */
+static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first)
 {
     const ezeb_locked hold(&queue->lock);
     if (refuses(queue))
-        return false;
-    cell->next = nullptr;
-    if (first)
-        link_first_locked(queue, cell);
-    else
-        link_last_locked(queue, cell);
-    ezeb_flag_set(&queue->length, queue->length + 1);
-    if (queue->removers > 0)
+        return -1;
+    int32_t count = 0;
+    for (ezeb_queue_cell *next = nullptr; cells != nullptr; cells = next) {
+        next = cells->next;
+        cells->next = nullptr;
+        if (first)
+            link_first_locked(queue, cells);
+        else
+            link_last_locked(queue, cells);
+        count++;
+    }
+    ezeb_flag_set(&queue->length, queue->length + count);
+    return count < queue->removers ? count : queue->removers;
+}
+
+/* Without the lock: a remover that is woken under it often runs at once, only to wait for it. */
+void ezeb_queue_wake(ezeb_queue *queue, int32_t removers)
+{
+    if (removers == 1)
         ezeb_cond_signal(&queue->notEmpty);
-    return true;
+    else if (removers > 1)
+        ezeb_cond_broadcast(&queue->notEmpty);
+}
+
+static int32_t insert_and_wake(ezeb_queue *queue, ezeb_queue_cell *cell, bool first)
+{
+    cell->next = nullptr;
+    const int32_t removers = insert(queue, cell, first);
+    ezeb_queue_wake(queue, removers);
+    return removers >= 0;
 }
 
 static int32_t add(ezeb_queue *queue, void *element, bool first)
@@ -69,7 +89,7 @@ static int32_t add(ezeb_queue *queue, void *element, bool first)
     if (cell == nullptr)
         return 0;
     cell->element = element;
-    if (insert(queue, cell, first))
+    if (insert_and_wake(queue, cell, first))
         return 1;
     ezeb_free(cell);
     return 0;
@@ -80,7 +100,7 @@ static int32_t add_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element,
     if (queue == nullptr)
         return 0;
     *cell = {element, nullptr, true};
-    return insert(queue, cell, first);
+    return insert_and_wake(queue, cell, first);
 }
 
 int32_t ezeb_queue_enqueue(ezeb_queue *queue, void *element)
@@ -105,7 +125,12 @@ int32_t ezeb_queue_push_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *ele
 
 int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell)
 {
-    return insert(queue, cell, true);
+    return insert_and_wake(queue, cell, true);
+}
+
+int32_t ezeb_queue_append(ezeb_queue *queue, ezeb_queue_cell *cells)
+{
+    return insert(queue, cells, false);
 }
 
 void ezeb_queue_cell_free(ezeb_queue_cell *cell)

@@ -30,7 +30,8 @@ enum {
     PATIENT_PASSES = 30, /* passes after which they begin to */
     LAST_BACKOFF = 32,   /* seconds between failed handshakes, doubling from 1 */
     LINGER_SECONDS = 900,
-    RESULT_LINE = 3, /* the two lines of a handshake reply that mean something */
+    MOST_TOGETHER = 64, /* notifications that wait for each other's delivery */
+    RESULT_LINE = 3,    /* the two lines of a handshake reply that mean something */
     INSTANCENAME_LINE = 9
 };
 
@@ -504,13 +505,49 @@ static bool has_verb(const char *line, const char *word)
            memcmp(line + VERB_PLACE, word, length) == 0;
 }
 
-static bool read_event(ezeb_runtime *rt, ezeb_sb *sb)
+/* What has been read for one subscriber, in its order, and is not delivered yet. A thread that waits for it
+ * is woken once for all that came together, not for each. It is delivered before anything else is done that
+ * others notice, and before this thread waits. */
+struct arrivals {
+    ezeb_runtime *rt;
+    ezeb_sb *sb;
+    int32_t id;
+    int32_t count;
+    ezeb_queue_cell *first;
+    ezeb_queue_cell *last;
+};
+
+static void deliver_arrivals(void *opaque)
+{
+    auto *a = static_cast<arrivals *>(opaque);
+    ezeb_deliver_all(a->rt, a->first, a->id);
+    a->first = nullptr;
+    a->count = 0;
+}
+
+static void add_arrival(arrivals *a, zeb_notification *n, int32_t id)
+{
+    if (a->first != nullptr && (a->id != id || a->count == MOST_TOGETHER))
+        ezeb_sb_settle(a->sb);
+    ezeb_queue_cell *cell = ezeb_notification_cell(n);
+    if (a->first == nullptr) {
+        a->id = id;
+        a->first = cell;
+        ezeb_sb_beforewait(a->sb, deliver_arrivals, a);
+    } else {
+        a->last->next = cell;
+    }
+    a->last = cell;
+    a->count++;
+}
+
+static bool read_event(arrivals *a)
 {
     int32_t *ids = nullptr;
     int32_t count = 0;
-    zeb_notification *n = ezeb_notification_read(sb, &ids, &count);
+    zeb_notification *n = ezeb_notification_read(a->sb, &ids, &count);
     if (n != nullptr && count == 1)
-        ezeb_deliver(rt, n, ids[0]);
+        add_arrival(a, n, ids[0]);
     else
         ezeb_notification_destroy(
             n); /* an event for several subscribers at once is delivered to none, on purpose */
@@ -563,15 +600,16 @@ static bool read_status(ezeb_runtime *rt, ezeb_sb *sb)
     return true;
 }
 
-static bool read_message(ezeb_runtime *rt, ezeb_sb *sb)
+static bool read_message(arrivals *a)
 {
     char *line;
-    if (!ezeb_sb_gets(sb, &line))
+    if (!ezeb_sb_gets(a->sb, &line))
         return false;
     if (has_verb(line, "event"))
-        return read_event(rt, sb);
+        return read_event(a);
+    ezeb_sb_settle(a->sb);
     if (has_verb(line, "status"))
-        return read_status(rt, sb);
+        return read_status(a->rt, a->sb);
     ezeb_diag("UNKNOWN MESSAGE LINE RECEIVED ==> %s\n", line);
     return true;
 }
@@ -579,8 +617,10 @@ static bool read_message(ezeb_runtime *rt, ezeb_sb *sb)
 /* Reads until the connection fails; a shutdown makes it fail. */
 static void read_messages(ezeb_runtime *rt, ezeb_sb *sb)
 {
-    while (read_message(rt, sb))
+    arrivals a = {rt, sb, 0, 0, nullptr, nullptr};
+    while (read_message(&a))
         ;
+    ezeb_sb_settle(sb);
 }
 
 /* The order matters: the descriptor is shut down first, so that the send thread fails instead of writing on,

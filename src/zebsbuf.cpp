@@ -79,13 +79,48 @@ static bool grow(ezeb_sb *sb)
     return true;
 }
 
+void ezeb_sb_beforewait(ezeb_sb *sb, void (*settle)(void *context), void *context)
+{
+    sb->settle = settle;
+    sb->settleContext = context;
+    sb->patience = EZEB_SB_PATIENCE;
+}
+
+void ezeb_sb_settle(ezeb_sb *sb)
+{
+    void (*const settle)(void *context) = sb->settle;
+    sb->settle = nullptr;
+    if (settle != nullptr)
+        settle(sb->settleContext);
+}
+
+/* One read. What is to be settled before a wait may be put off while there is something to read, for a
+ * bounded number of bounded reads: after one that got less than it had room for there is nothing. */
+static ssize_t read_some(ezeb_sb *sb, char *to, size_t room)
+{
+    ssize_t n = 0;
+    bool waits = true;
+    if (sb->settle != nullptr) {
+        if (!sb->drained && room <= EZEB_SB_STEP && sb->patience-- > 0) {
+            n = recv(sb->fd, to, room, MSG_DONTWAIT);
+            waits = n < 0 && errno == EAGAIN;
+        }
+        if (n <= 0)
+            ezeb_sb_settle(sb);
+    }
+    if (waits)
+        n = read(sb->fd, to, room);
+    sb->drained = n < static_cast<ssize_t>(room);
+    return n;
+}
+
 /* One read into the free space. */
 static bool fill(ezeb_sb *sb)
 {
     move_to_front(sb);
     if (sb->end == sb->capacity && !grow(sb))
         return false;
-    const ssize_t n = read(sb->fd, sb->buf + sb->end, sb->capacity - sb->end);
+    const ssize_t n = read_some(sb, sb->buf + sb->end, sb->capacity - sb->end);
     if (n <= 0)
         return false;
     sb->end += static_cast<uint32_t>(n);
@@ -138,7 +173,7 @@ int32_t ezeb_sb_readpart(ezeb_sb *sb, void *dst, size_t length, size_t later)
     sb->start += static_cast<uint32_t>(first);
     char *to = static_cast<char *>(dst) + first;
     for (size_t missing = length - first; missing > 0;) {
-        const ssize_t n = read(sb->fd, to, missing);
+        const ssize_t n = read_some(sb, to, missing);
         if (n <= 0) {
             ezeb_diag("READ LESS THAN THE FULL BUFFER, ret=%d, len=%d\n", static_cast<int>(n),
                       static_cast<int>(missing + later));

@@ -412,23 +412,51 @@ static void keep_memberlist(zeb_subscriber *sub, const zeb_notification *n)
 }
 
 static bool starts_own_thread(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n);
+static void signal_list_locked(zeb_subscriber *sub) EZEB_REQUIRES(sub->lock);
 static void signal_list(zeb_subscriber *sub);
 
-void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n)
+/* False when N, a later piece of a stream, is consumed. */
+static bool look_through(zeb_subscriber *sub, zeb_notification *n)
 {
-    if (sub == nullptr || ezeb_flag_get(&sub->closing) != 0) {
-        ezeb_notification_destroy(n);
-        return;
-    }
     if (n->cls == ZEB_CLASS_MEMBERSHIPLIST)
         keep_memberlist(sub, n);
-    if (n->cls == ZEB_CLASS_INCOMINGSTREAM)
-        n = ezeb_streamtbl_take(sub->streams, n);
-    if (n == nullptr)
-        return; /* a later piece of a stream */
-    if (!starts_own_thread(rt, sub, n) && !ezeb_queue_enqueue_cell(sub->queue, &n->item.cell, n))
-        ezeb_notification_destroy(n);
-    signal_list(sub);
+    return n->cls != ZEB_CLASS_INCOMINGSTREAM || ezeb_streamtbl_take(sub->streams, n) != nullptr;
+}
+
+/* Those who wait are woken last: whatever they want is free then. */
+void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, ezeb_queue_cell *cells)
+{
+    if (sub == nullptr || ezeb_flag_get(&sub->closing) != 0) {
+        ezeb_notification_destroyall(cells);
+        return;
+    }
+    bool arrived = false;
+    ezeb_queue_cell *queued = nullptr;
+    ezeb_queue_cell **end = &queued;
+    for (ezeb_queue_cell *next = nullptr; cells != nullptr; cells = next) {
+        next = cells->next;
+        auto *n = static_cast<zeb_notification *>(cells->element);
+        if (!look_through(sub, n))
+            continue;
+        arrived = true;
+        if (starts_own_thread(rt, sub, n))
+            continue;
+        *end = cells;
+        end = &cells->next;
+    }
+    *end = nullptr;
+    if (!arrived)
+        return;
+    int32_t removers = 0;
+    {
+        const ezeb_locked hold(&sub->lock);
+        if (queued != nullptr)
+            removers = ezeb_queue_append(sub->queue, queued);
+        signal_list_locked(sub);
+    }
+    if (removers < 0)
+        ezeb_notification_destroyall(queued);
+    ezeb_queue_wake(sub->queue, removers);
 }
 
 /* Remembers who asks for the state; an answer goes there. */

@@ -179,14 +179,18 @@ int32_t ezeb_deregister_publisher(ezeb_runtime *rt, zeb_publisher *pub, int32_t 
 
 void ezeb_deliver(ezeb_runtime *rt, zeb_notification *n, int32_t id)
 {
-    if (n == nullptr)
-        return;
+    if (n != nullptr)
+        ezeb_deliver_all(rt, ezeb_notification_cell(n), id);
+}
+
+void ezeb_deliver_all(ezeb_runtime *rt, ezeb_queue_cell *cells, int32_t id)
+{
     const ezeb_locked hold(&rt->regmutex);
     auto *sub = static_cast<zeb_subscriber *>(id > 0 ? table_get(&rt->subscribers, id - 1) : nullptr);
     if (sub != nullptr)
-        ezeb_subscriber_deliver(rt, sub, n);
+        ezeb_subscriber_deliver(rt, sub, cells);
     else
-        ezeb_notification_destroy(n);
+        ezeb_notification_destroyall(cells);
 }
 
 void ezeb_publish(ezeb_runtime *rt, zeb_notification *n)
@@ -232,7 +236,7 @@ void ezeb_drop_members(ezeb_runtime *rt)
         if (n == nullptr)
             continue;
         ezeb_notification_setClass(n, ZEB_CLASS_LEAVEGROUP);
-        ezeb_subscriber_deliver(rt, sub, n);
+        ezeb_subscriber_deliver(rt, sub, ezeb_notification_cell(n));
     }
 }
 

@@ -75,6 +75,10 @@ struct zeb_notification {
 
 zeb_notification *ezeb_notification_create(const char *type, const void *body, int32_t bodyLength);
 void ezeb_notification_destroy(zeb_notification *n); /* null is ignored */
+
+/* The cell of N, as a chain of its own; and the end of a whole chain with its notifications. */
+ezeb_queue_cell *ezeb_notification_cell(zeb_notification *n);
+void ezeb_notification_destroyall(ezeb_queue_cell *cells);
 void ezeb_notification_setClass(zeb_notification *n, uint32_t cls);
 const char *ezeb_notification_classname(uint32_t cls); /* values above 8 count as 8 */
 const char *ezeb_notification_getStreamKey(const zeb_notification *n);

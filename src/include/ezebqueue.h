@@ -43,6 +43,12 @@ int32_t ezeb_queue_push(ezeb_queue *queue, void *element);
 int32_t ezeb_queue_enqueue_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element);
 int32_t ezeb_queue_push_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element);
 
+/* Appends a chain of such cells, linked by next and complete but for that, and wakes nobody: the caller does
+ * so, when it holds what those who are woken will want no more, with the number that the first returned. -1
+ * when draining or shutting down: the chain stays the caller's. */
+int32_t ezeb_queue_append(ezeb_queue *queue, ezeb_queue_cell *cells);
+void ezeb_queue_wake(ezeb_queue *queue, int32_t removers);
+
 /* Takes the first element, or null. With WAIT, waits TIMEOUT ms for one (0 or less: without limit, until one
  * comes or the queue drains or shuts down). A limited wait is one single wait, which may end early. */
 void *ezeb_queue_dequeue(ezeb_queue *queue, int32_t wait, int64_t timeout);

@@ -6,6 +6,7 @@
 
 #include "zeb.h"
 
+struct ezeb_queue_cell;
 struct ezeb_runtime;
 
 enum { EZEB_TABLE_STEP = 10 }; /* first capacity, and the step in which it is reported to grow */
@@ -39,6 +40,9 @@ int32_t ezeb_deregister_publisher(ezeb_runtime *rt, zeb_publisher *pub,
 
 /* Routes N, which it takes, to the subscriber ID under the registry lock. */
 void ezeb_deliver(ezeb_runtime *rt, zeb_notification *n, int32_t id);
+
+/* The same with a chain of notifications, which arrived in this order and one right after the other. */
+void ezeb_deliver_all(ezeb_runtime *rt, ezeb_queue_cell *cells, int32_t id);
 
 /* Hands N to the send thread, which takes it. */
 void ezeb_publish(ezeb_runtime *rt, zeb_notification *n);

@@ -7,7 +7,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-enum { EZEB_SB_STEP = 2048 }; /* first size, and the step of growth */
+enum {
+    EZEB_SB_STEP = 2048,  /* first size, and the step of growth */
+    EZEB_SB_PATIENCE = 16 /* reads for which settling may be put off */
+};
 
 struct ezeb_sb {
     char *buf;
@@ -20,6 +23,10 @@ struct ezeb_sb {
     bool moreFollows; /* what is flushed will be followed by another message at once */
     bool heldBack;    /* the kernel may keep what was written last until more comes */
     uint64_t sent;    /* bytes handed to the kernel since creation */
+    bool drained;     /* the last read got less than it had room for */
+    int32_t patience; /* reads that may still go before settling */
+    void (*settle)(void *context);
+    void *settleContext;
 };
 
 ezeb_sb *ezeb_sb_create(int32_t fd); /* null when FD is -1 or memory is out */
@@ -38,6 +45,12 @@ int32_t ezeb_sb_readbytes(ezeb_sb *sb, void *dst, size_t length);
 int32_t ezeb_sb_readpart(ezeb_sb *sb, void *dst, size_t length, size_t later);
 
 int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length);
+
+/* Has SETTLE called, once, before a read that may wait or that fails, and after a few reads at the latest;
+ * null takes it back. The second form calls it now, if it is still to be called. */
+void ezeb_sb_beforewait(ezeb_sb *sb, void (*settle)(void *context), void *context);
+void ezeb_sb_settle(ezeb_sb *sb);
+
 int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length);
 int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s); /* a string; null writes nothing */
 int32_t ezeb_sb_flush(ezeb_sb *sb);

@@ -152,8 +152,9 @@ void ezeb_subscriber_unref(zeb_subscriber *sub);
 /* 1 while the creating thread awaits the daemon's answer. */
 int32_t ezeb_subscriber_isbeingcreated(zeb_subscriber *sub);
 
-/* Caller holds regmutex, and SUB is in its slot or was a moment ago. Takes N. */
-void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n);
+/* Caller holds regmutex, and SUB is in its slot or was a moment ago. Takes the notifications whose CELLS are
+ * given, a chain in their order. */
+void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, ezeb_queue_cell *cells);
 
 /* Caller holds regmutex. Takes MESSAGE. */
 void ezeb_subscriber_receivesubsreply(zeb_subscriber *sub, int32_t result, char *message);

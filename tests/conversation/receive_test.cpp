@@ -77,6 +77,55 @@ TEST_F(receiving, limits_of_zero_and_below_are_none)
     zeb_subscriber_close(sub);
 }
 
+/* The buffer takes 2,048 bytes, and that it was filled to its end says that there may be more; here there is
+ * not. */
+TEST_F(receiving, what_has_come_is_handed_out_while_the_rest_of_a_full_buffer_is_missing)
+{
+    peer p = connected();
+    zeb_subscriber *sub = subscribed(p, 1);
+    background taking([=] { return taken(sub, 1, 0); });
+    const std::string first = message("1", "/first");
+    const std::string two = first + message("1", "/second", std::string(2048, 'x'));
+    p.send(two.substr(0, 2048));
+    EXPECT_EQ(taking.get(), "/first");
+    p.send(two.substr(2048));
+    EXPECT_EQ(taken(sub, 1, 0), "/second");
+    zeb_subscriber_close(sub);
+}
+
+TEST_F(receiving, what_comes_in_one_piece_is_handed_out_whole_and_in_order)
+{
+    peer p = connected();
+    zeb_subscriber *sub = subscribed(p, 1);
+    zeb_subscriber *other = subscribed(p, 2);
+    std::string all;
+    for (int i = 0; i < 500; i++) {
+        all += message("1", "/" + std::to_string(i), std::string(static_cast<size_t>(i), 'x'));
+        if (i % 100 == 0)
+            all += message("2", "/" + std::to_string(i));
+    }
+    p.send(all);
+    for (int i = 0; i < 500; i++)
+        EXPECT_EQ(taken(sub, 1, 0), "/" + std::to_string(i));
+    for (int i = 0; i < 500; i += 100)
+        EXPECT_EQ(taken(other, 1, 0), "/" + std::to_string(i));
+    zeb_subscriber_close(sub);
+    zeb_subscriber_close(other);
+}
+
+/* What came before the loss is received before what the loss brings. */
+TEST_F(receiving, what_came_right_before_a_loss_is_handed_out)
+{
+    peer p = connected();
+    zeb_subscriber *sub = subscribed(p, 1);
+    const std::string first = message("1", "/first");
+    const std::string two = first + message("1", "/second", std::string(2048, 'x'));
+    p.send(two.substr(0, 2048));
+    p.close();
+    EXPECT_EQ(taken(sub, 1, 0), "/first");
+    zeb_subscriber_close(sub);
+}
+
 TEST_F(receiving, any_wait_but_zero_waits)
 {
     peer p = connected();

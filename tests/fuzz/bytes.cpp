@@ -3,7 +3,9 @@
 #include "fuzz.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace
@@ -28,13 +30,12 @@ size_t fuzz::unread()
 }
 
 extern "C" ssize_t __real_read(int fd, void *buffer, size_t length);
+extern "C" ssize_t __real_recv(int fd, void *buffer, size_t length, int flags);
 extern "C" ssize_t __real_write(int fd, const void *buffer, size_t length);
 extern "C" ssize_t __real_send(int fd, const void *buffer, size_t length, int flags);
 
-extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t length)
+static ssize_t serve_piece(void *buffer, size_t length)
 {
-    if (fd != fuzz::descriptor)
-        return __real_read(fd, buffer, length);
     size_t n = std::min(length, rest.size());
     if (longest != UINT32_MAX)
         n = std::min<size_t>(n, 1 + pieces.next(longest));
@@ -42,6 +43,23 @@ extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t length)
         memcpy(buffer, rest.data(), n);
     rest.remove_prefix(n);
     return static_cast<ssize_t>(n);
+}
+
+extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t length)
+{
+    return fd == fuzz::descriptor ? serve_piece(buffer, length) : __real_read(fd, buffer, length);
+}
+
+/* Without waiting: now and then there is nothing yet. */
+extern "C" ssize_t __wrap_recv(int fd, void *buffer, size_t length, int flags)
+{
+    if (fd != fuzz::descriptor)
+        return __real_recv(fd, buffer, length, flags);
+    if (longest != UINT32_MAX && (flags & MSG_DONTWAIT) != 0 && pieces.next(4) == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return serve_piece(buffer, length);
 }
 
 extern "C" ssize_t __wrap_write(int fd, const void *buffer, size_t length)

@@ -3,10 +3,11 @@
 Whoever waits is woken, everything that was taken in comes out or is released once, and the record is not used after its
 owner has released it."""
 
-from explore import all_of, broadcast, explore, fail, lock, signal_one, unless, unlock, wait
+from explore import BLOCKED, all_of, broadcast, explore, fail, goto, lock, signal_one, unless, unlock, wait
 
 SAFEGUARDS = {
     "signal on put": "a taker that waits is told of an element",
+    "wake as many as came": "elements that come together wake a taker each",
     "broadcast on drain": "takers that wait are told that nothing will come",
     "broadcast on shutdown": "takers that wait are told to leave",
     "drain sees shutdown": "a drain does not wait for elements that nobody may take any more",
@@ -64,21 +65,38 @@ def taker(me, off):
     ]
 
 
-def putter(off):
-    def put(s):
-        if not s["draining"] and not s["shut"]:
-            s["items"] += 1
-            s["put"] += 1
+def putter(off, *together):
+    """Puts as many as TOGETHER says, in so many steps. Whom to wake is known under the lock; who wakes them has left it."""
+
+    def put(count):
+        def step(s):
+            if s["draining"] or s["shut"]:
+                return "out"
+            s["items"] += count
+            s["put"] += count
+            s["wake"] = min(count, s["removers"])
             return None
-        return "out"
 
-    tell = [lambda s: None] if "signal on put" in off else signal_one("notempty")
-    once = [lock("lock"), put, tell]
-    return [*once, "out", unlock("lock"), lock("lock"), put2(put), tell, "out2", unlock("lock")]
+        return step
 
+    def tell(number):
+        one = signal_one("notempty")[number]
 
-def put2(put):
-    return lambda s: "out2" if put(s) else None
+        def step(s):
+            if s["wake"] == 0 or "signal on put" in off:
+                return BLOCKED if number else None
+            if s["wake"] == 1 or "wake as many as came" in off:
+                return one(s)
+            broadcast(s, "notempty")
+            return BLOCKED if number else None
+
+        return step
+
+    tell_them = [tell(0), tell(1), tell(2)]
+    code = []
+    for count in together:
+        code += [lock("lock"), put(count), unlock("lock"), tell_them]
+    return [*code, goto("end"), "out", unlock("lock"), "end"]
 
 
 def drainer(off):
@@ -130,6 +148,7 @@ def explored(off=()):
         "emptied": frozenset(),
         "items": 0,
         "put": 0,
+        "wake": 0,
         "taken": 0,
         "released": 0,
         "removers": 0,
@@ -148,10 +167,13 @@ def explored(off=()):
 
     takers = {"a": taker("a", off), "b": taker("b", off)}
     drain = {"drain": drainer(off)}
-    put = {"put": putter(off)}
+    put = {"put": putter(off, 1, 1)}
+    put_two = {"put": putter(off, 2)}
     close = {"close": closer(off)}
     return all_of(
         explore(variables, takers | put | drain | close, invariant),
         explore(variables, takers | put, invariant),
+        explore(variables, takers | put_two | drain | close, invariant),
+        explore(variables, takers | put_two, invariant),
         explore(variables, takers | drain, invariant),
     )

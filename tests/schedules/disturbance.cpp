@@ -158,6 +158,7 @@ static void visit_from(const void *place)
 extern "C" {
 
 ssize_t __real_read(int fd, void *buffer, size_t size);
+ssize_t __real_recv(int fd, void *buffer, size_t size, int flags);
 ssize_t __real_write(int fd, const void *buffer, size_t size);
 int __real_connect(int fd, const sockaddr *address, socklen_t length);
 int __real_shutdown(int fd, int how);
@@ -168,6 +169,14 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
 {
     visit_from(__builtin_return_address(0));
     const ssize_t got = __real_read(fd, buffer, size);
+    visit_from(__builtin_return_address(0));
+    return got;
+}
+
+ssize_t __wrap_recv(int fd, void *buffer, size_t size, int flags)
+{
+    visit_from(__builtin_return_address(0));
+    const ssize_t got = __real_recv(fd, buffer, size, flags);
     visit_from(__builtin_return_address(0));
     return got;
 }

@@ -123,6 +123,7 @@ extern "C" {
 int __real_socket(int family, int type, int protocol);
 int __real_connect(int fd, const sockaddr *address, socklen_t length);
 ssize_t __real_read(int fd, void *to, size_t size);
+ssize_t __real_recv(int fd, void *to, size_t size, int flags);
 ssize_t __real_write(int fd, const void *from, size_t size);
 ssize_t __real_send(int fd, const void *from, size_t size, int flags);
 int __real_fcntl(int fd, int command, ...);
@@ -136,6 +137,7 @@ int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(
 int __wrap_socket(int family, int type, int protocol);
 int __wrap_connect(int fd, const sockaddr *address, socklen_t length);
 ssize_t __wrap_read(int fd, void *to, size_t size);
+ssize_t __wrap_recv(int fd, void *to, size_t size, int flags);
 ssize_t __wrap_write(int fd, const void *from, size_t size);
 ssize_t __wrap_send(int fd, const void *from, size_t size, int flags);
 int __wrap_fcntl(int fd, int command, ...);
@@ -167,6 +169,17 @@ ssize_t __wrap_read(int fd, void *to, size_t size)
     return __real_read(fd, to,
                        f != nullptr && size > static_cast<size_t>(f->atmost) ? static_cast<size_t>(f->atmost)
                                                                              : size);
+}
+
+ssize_t __wrap_recv(int fd, void *to, size_t size, int flags)
+{
+    const fault *f = fault_of(READ);
+    if (f != nullptr && f->error != 0) {
+        errno = f->error;
+        return -1;
+    }
+    const bool cut = f != nullptr && size > static_cast<size_t>(f->atmost);
+    return __real_recv(fd, to, cut ? static_cast<size_t>(f->atmost) : size, flags);
 }
 
 ssize_t __wrap_write(int fd, const void *from, size_t size)

@@ -137,6 +137,63 @@ TEST_F(Queue, PushOntoNothingAndOntoManyPutsInFront)
     EXPECT_EQ(contents(), (numbers{3, 2, 1, 4}));
 }
 
+TEST_F(Queue, AChainIsAppendedInItsOrder)
+{
+    for (size_t before = 0; before < 3; before++) {
+        fill(before);
+        numbers expected = contents();
+        ezeb_queue_cell third = {element(13), nullptr, true};
+        ezeb_queue_cell second = {element(12), &third, true};
+        ezeb_queue_cell first = {element(11), &second, true};
+        EXPECT_EQ(ezeb_queue_append(queue, &first), 0) << "there is nobody to wake";
+        expected.insert(expected.end(), {11, 12, 13});
+        EXPECT_EQ(contents(), expected);
+        while (take() != 0) {
+        }
+    }
+}
+
+TEST_F(Queue, AChainThatIsRefusedStaysAsItIs)
+{
+    ezeb_queue_cell second = {element(2), nullptr, true};
+    ezeb_queue_cell first = {element(1), &second, true};
+    ezeb_queue_drain(queue);
+    EXPECT_EQ(ezeb_queue_append(queue, &first), -1);
+    EXPECT_EQ(first.next, &second);
+    ezeb_queue_start_shutdown(queue);
+    EXPECT_EQ(ezeb_queue_append(queue, &first), -1);
+    EXPECT_EQ(first.next, &second);
+    EXPECT_EQ(contents(), numbers{});
+    ezeb_queue_wake(queue, -1);
+}
+
+/* As many are woken as there is something for. */
+TEST_F(Queue, AppendingAChainTellsHowManyAreToBeWoken)
+{
+    std::vector<std::thread> removers;
+    std::atomic<uintptr_t> sum{0};
+    removers.reserve(3);
+    for (int i = 0; i < 3; i++)
+        removers.emplace_back([&] { sum += numberOf(ezeb_queue_dequeue(queue, 1, 0)); });
+    awaitRemovers(3);
+    ezeb_queue_cell second = {element(2), nullptr, true};
+    ezeb_queue_cell first = {element(1), &second, true};
+    const int32_t two = ezeb_queue_append(queue, &first);
+    EXPECT_EQ(two, 2);
+    ezeb_queue_wake(queue, two);
+    awaitRemovers(1);
+    ezeb_queue_cell fourth = {element(4), nullptr, true};
+    ezeb_queue_cell third = {element(3), &fourth, true};
+    const int32_t one = ezeb_queue_append(queue, &third);
+    EXPECT_EQ(one, 1);
+    ezeb_queue_wake(queue, one);
+    for (std::thread &remover : removers)
+        remover.join();
+    EXPECT_EQ(sum, 6U);
+    EXPECT_EQ(contents(), numbers{4});
+    take();
+}
+
 TEST_F(Queue, DequeueWithoutWaitingIgnoresTheTimeout)
 {
     const auto start = std::chrono::steady_clock::now();

@@ -167,6 +167,111 @@ TEST_F(Sbuf, TheBufferIsCompactedOnlyWhenALineIsIncomplete)
     EXPECT_EQ(sb->end, 6U);
 }
 
+/* ---- Settling ---- */
+
+struct Settling : Sbuf {
+    int settled = 0;
+
+    /* The counter rises when settling is called for, which sends a line. */
+    void owe()
+    {
+        ezeb_sb_beforewait(
+            sb,
+            [](void *context) {
+                auto *test = static_cast<Settling *>(context);
+                test->settled++;
+                test->pair.send("settled\n");
+            },
+            this);
+    }
+
+    static std::string lines(size_t count)
+    {
+        std::string all;
+        for (size_t i = 0; i < count; i++)
+            all += std::string(63, static_cast<char>('a' + i % 26)) + "\n";
+        return all;
+    }
+};
+
+/* Nobody else sends: without settling the read would wait for ever. */
+TEST_F(Settling, ComesBeforeAReadThatWouldWait)
+{
+    owe();
+    EXPECT_EQ(line(), "settled");
+    EXPECT_EQ(settled, 1);
+    pair.send("more\n");
+    EXPECT_EQ(line(), "more");
+    EXPECT_EQ(settled, 1) << "once for all";
+}
+
+TEST_F(Settling, ComesBeforeAReadThatWouldWaitAlsoBehindAFullBuffer)
+{
+    pair.send(lines(32));
+    EXPECT_EQ(line(), std::string(63, 'a'));
+    ASSERT_EQ(sb->end, sb->capacity) << "the buffer was filled to its end";
+    owe();
+    for (int i = 1; i < 32; i++)
+        line();
+    EXPECT_EQ(settled, 0) << "nothing had to be read";
+    EXPECT_EQ(line(), "settled");
+}
+
+TEST_F(Settling, ComesAtOnceBehindAReadThatGotLessThanItHadRoomFor)
+{
+    pair.send("one\n");
+    EXPECT_EQ(line(), "one");
+    pair.send("two\n");
+    owe();
+    EXPECT_EQ(line(), "two");
+    EXPECT_EQ(settled, 1);
+}
+
+TEST_F(Settling, IsPutOffWhileThereIsSomethingToReadForABoundedNumberOfReads)
+{
+    const size_t perRead = 2048 / 64;
+    pair.send(lines(perRead * (EZEB_SB_PATIENCE + 2)));
+    line();
+    owe();
+    for (size_t i = 1; i < perRead * (EZEB_SB_PATIENCE + 1); i++)
+        line();
+    EXPECT_EQ(settled, 0);
+    line();
+    EXPECT_EQ(settled, 1);
+}
+
+TEST_F(Settling, ComesBeforeALongReadPastTheBuffer)
+{
+    pair.send(lines(32) + std::string(EZEB_SB_STEP + 1, 'x'));
+    for (int i = 0; i < 32; i++)
+        line();
+    owe();
+    EXPECT_EQ(read(EZEB_SB_STEP + 1), std::string(EZEB_SB_STEP + 1, 'x'));
+    EXPECT_EQ(settled, 1);
+}
+
+TEST_F(Settling, ComesBeforeAFailure)
+{
+    pair.send(lines(32));
+    for (int i = 0; i < 32; i++)
+        line();
+    owe();
+    pair.hangUp();
+    sb->settle = [](void *context) { static_cast<Settling *>(context)->settled++; };
+    EXPECT_EQ(line(), "<failed>");
+    EXPECT_EQ(settled, 1);
+}
+
+TEST_F(Settling, CanBeHadAtAnyTime)
+{
+    ezeb_sb_settle(sb);
+    EXPECT_EQ(settled, 0) << "nothing is owed";
+    owe();
+    ezeb_sb_settle(sb);
+    ezeb_sb_settle(sb);
+    EXPECT_EQ(settled, 1);
+}
+
 /* ---- Bytes ---- */
 
 TEST_F(Sbuf, BytesComeFromTheBufferFirstAndThenFromTheSocketWithoutReadingAhead)
