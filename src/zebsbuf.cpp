@@ -185,7 +185,7 @@ int32_t ezeb_sb_readpart(ezeb_sb *sb, void *dst, size_t length, size_t later)
     return 1;
 }
 
-int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length)
+int32_t ezeb_sb_skipfar(ezeb_sb *sb, size_t length)
 {
     for (;;) {
         if (!is_valid(sb))
@@ -241,25 +241,13 @@ static bool flush(ezeb_sb *sb, bool more)
     return write_all(sb, sb->buf, pending, more);
 }
 
-int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length)
+int32_t ezeb_sb_writethrough(ezeb_sb *sb, const void *data, size_t length)
 {
-    if (!is_valid(sb))
+    if (!is_valid(sb) || !flush(sb, true))
         return 0;
-    if (sb->capacity - sb->end < length) {
-        if (!flush(sb, true))
-            return 0;
-        if (length > sb->capacity)
-            return write_all(sb, static_cast<const char *>(data), length, sb->moreFollows);
-    }
-    if (length > 0)
-        memcpy(sb->buf + sb->end, data, length);
-    sb->end += static_cast<uint32_t>(length);
-    return 1;
-}
-
-int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s)
-{
-    return s == nullptr ? 1 : ezeb_sb_write(sb, s, strlen(s));
+    if (length > sb->capacity)
+        return write_all(sb, static_cast<const char *>(data), length, sb->moreFollows);
+    return ezeb_sb_write(sb, data, length);
 }
 
 int32_t ezeb_sb_flush(ezeb_sb *sb)

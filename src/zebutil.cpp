@@ -114,7 +114,9 @@ char *ezeb_int2str(char *dst, int64_t v)
         *--p = static_cast<char>('0' + v % 10);
         v /= 10;
     } while (v > 0);
-    return ezeb_addstr(dst, p);
+    const auto length = static_cast<size_t>(digits + sizeof(digits) - 1 - p);
+    memcpy(dst, p, length + 1);
+    return dst + length;
 }
 
 char *ezeb_addstr(char *dst, const char *src)

@@ -4,8 +4,11 @@
 #ifndef EZEBSBUF_H
 #define EZEBSBUF_H
 
+#include "ezeblock.h"
+
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 enum {
     EZEB_SB_STEP = 2048,  /* first size, and the step of growth */
@@ -44,15 +47,43 @@ int32_t ezeb_sb_getline(ezeb_sb *sb, char **line, size_t *length); /* the same, 
 int32_t ezeb_sb_readbytes(ezeb_sb *sb, void *dst, size_t length);
 int32_t ezeb_sb_readpart(ezeb_sb *sb, void *dst, size_t length, size_t later);
 
-int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length);
+/* The rest of ezeb_sb_skip: reads what is missing. */
+int32_t ezeb_sb_skipfar(ezeb_sb *sb, size_t length);
 
-/* Has SETTLE called, once, before a read that may wait or that fails, and after a few reads at the latest;
- * null takes it back. The second form calls it now, if it is still to be called. */
+inline int32_t ezeb_sb_skip(ezeb_sb *sb, size_t length)
+{
+    if (length > sb->end - sb->start || ezeb_flag_get(&sb->valid) == 0)
+        return ezeb_sb_skipfar(sb, length);
+    sb->start += static_cast<uint32_t>(length);
+    return 1;
+}
+
+/* Has SETTLE called, once: before a read that may wait, after one that failed, or when a few reads have gone
+ * by. The second form calls it now, if it is still to be called. */
 void ezeb_sb_beforewait(ezeb_sb *sb, void (*settle)(void *context), void *context);
 void ezeb_sb_settle(ezeb_sb *sb);
 
-int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length);
-int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s); /* a string; null writes nothing */
+/* The rest of ezeb_sb_write: hands what is pending to the kernel, and DATA as well when no buffer holds it.
+ */
+int32_t ezeb_sb_writethrough(ezeb_sb *sb, const void *data, size_t length);
+
+/* Inline, since an event takes some forty of them, half of a length that the compiler knows. */
+inline int32_t ezeb_sb_write(ezeb_sb *sb, const void *data, size_t length)
+{
+    if (sb->capacity - sb->end < length || ezeb_flag_get(&sb->valid) == 0)
+        return ezeb_sb_writethrough(sb, data, length);
+    if (length > 0)
+        memcpy(sb->buf + sb->end, data, length);
+    sb->end += static_cast<uint32_t>(length);
+    return 1;
+}
+
+/* A string; null writes nothing. */
+inline int32_t ezeb_sb_puts(ezeb_sb *sb, const char *s)
+{
+    return s == nullptr ? 1 : ezeb_sb_write(sb, s, strlen(s));
+}
+
 int32_t ezeb_sb_flush(ezeb_sb *sb);
 
 /* Whether the messages from here on will be followed by another one at once: then the kernel may keep what is

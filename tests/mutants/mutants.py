@@ -73,9 +73,9 @@ MUTANTS = [
     ),
     Mutant(
         "a write runs over the end of the buffer",
-        SBUF,
-        "    if (sb->capacity - sb->end < length) {",
-        "    if (sb->capacity < length) {",
+        "include/ezebsbuf.h",
+        "    if (sb->capacity - sb->end < length ||",
+        "    if (sb->capacity < length ||",
         "sbuf_test",
         "^unit.Sbuf",
     ),
