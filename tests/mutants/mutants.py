@@ -69,7 +69,15 @@ MUTANTS = [
         "    sb->scanned = sb->scanned > sb->start ? sb->scanned - sb->start : 0;\n",
         "",
         "sbuf_test",
-        "^unit.(Sbuf|Reading)",
+        "^unit.(Sbuf|Settling|Reading)",
+    ),
+    Mutant(
+        "what is owed is put off for as long as something comes",
+        SBUF,
+        " && sb->patience-- > 0",
+        "",
+        "sbuf_test",
+        "^unit.Settling",
     ),
     Mutant(
         "a write runs over the end of the buffer",
@@ -170,8 +178,8 @@ MUTANTS = [
     Mutant(
         "what a cancelled call-back had in hand goes behind what came later",
         SUBSCRIBER,
-        "    if (ezeb_queue_push(sub->queue, n))",
-        "    if (ezeb_queue_enqueue(sub->queue, n))",
+        "    if (ezeb_queue_push_cell(sub->queue, &n->item.cell, n))",
+        "    if (ezeb_queue_enqueue_cell(sub->queue, &n->item.cell, n))",
         "dispatching_test",
         "^unit.Dispatching",
     ),
