@@ -63,7 +63,11 @@ static bool fits(const send_queue &queue, size_t hard, size_t octets)
 
 static void append(send_queue &queue, outgoing item, size_t octets)
 {
-    queue.waiting.push_back({std::move(item), octets});
+    if (queue.pool != nullptr && !queue.pool->spare.empty())
+        queue.waiting.splice(queue.waiting.end(), queue.pool->spare, queue.pool->spare.begin());
+    else
+        queue.waiting.emplace_back();
+    queue.waiting.back() = {std::move(item), octets};
     count_in(queue, queue.waiting.back());
     if (queue.waiting.back().item.droppable)
         queue.droppable.push_back(std::prev(queue.waiting.end()));
@@ -123,16 +127,28 @@ bool send_queue_begin_write(send_queue &queue)
         if (next.item.droppable)
             queue.droppable.pop_front();
         queue.writingOctets += next.octets;
-        queue.writing.push_back(std::move(next));
-        queue.waiting.pop_front();
+        queue.writing.splice(queue.writing.end(), queue.waiting, queue.waiting.begin());
     }
     return !queue.writing.empty();
+}
+
+/* Between one batch and the next, so many records are worth keeping. */
+static constexpr size_t spareItems = 4 * itemsPerWrite;
+
+static void keep_spare(queue_pool &pool, std::list<queued_item> &from)
+{
+    while (!from.empty() && pool.spare.size() < spareItems) {
+        const outgoing gone = std::move(from.front().item);
+        pool.spare.splice(pool.spare.begin(), from, from.begin());
+    }
 }
 
 void send_queue_end_write(send_queue &queue)
 {
     for (const queued_item &entry : queue.writing)
         count_out(queue, entry);
+    if (queue.pool != nullptr)
+        keep_spare(*queue.pool, queue.writing);
     queue.writing.clear();
     queue.writingOctets = 0;
 }

@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <deque>
 #include <list>
-#include <vector>
 
 namespace zebd
 {
@@ -27,22 +26,23 @@ enum class queue_policy : uint8_t {
     drop_newest  /* new droppable items are not taken */
 };
 
-/* All queues of the process together. */
-struct queue_pool {
-    size_t octets = 0;
-};
-
 struct queued_item {
     outgoing item;
     size_t octets = 0; /* what it keeps, alone */
+};
+
+/* All queues of the process together. */
+struct queue_pool {
+    size_t octets = 0;
+    std::list<queued_item> spare; /* some records that hold nothing, to be used again */
 };
 
 struct send_queue {
     queue_pool *pool = nullptr;
     std::list<queued_item> waiting;
     std::deque<std::list<queued_item>::iterator> droppable; /* those of `waiting`, oldest first */
-    std::vector<queued_item> writing;                       /* taken by the writer, no longer droppable */
-    std::vector<queued_item> abandoned;                     /* a batch that the writer may still point to */
+    std::list<queued_item> writing;                         /* taken by the writer, no longer droppable */
+    std::list<queued_item> abandoned;                       /* a batch that the writer may still point to */
     size_t octets = 0;                                      /* of both */
     size_t writingOctets = 0;
     uint64_t dropped = 0; /* items, ever */

@@ -206,7 +206,7 @@ TEST_F(Queue, AnAbandonedQueueCountsNothingAndWhatWaitedAsDropped)
     for (int i = 0; i < 3; i++)
         send_queue_put(queue, hard, policy, outgoing_event(shared, 1));
     ASSERT_TRUE(send_queue_begin_write(queue));
-    const std::string_view handedOut = queue.writing[0].item.text;
+    const std::string_view handedOut = queue.writing.front().item.text;
     for (int i = 0; i < 5; i++)
         send_queue_put(queue, hard, policy, outgoing_event(event_of(1000), 2));
     put('A');
