@@ -213,8 +213,6 @@ static void collect_bounds(const name_table &table, std::span<const property_vie
 static void collect_values(name_table &table, std::span<const property_view> values, uint64_t round,
                            clause_list &candidates)
 {
-    if (table.count == 0)
-        return;
     for (const property_view &property : values) {
         const auto equal = table.equal.find(property.value);
         if (equal != table.equal.end())
@@ -243,9 +241,10 @@ static void collect_properties(filing &where, std::span<const property_view> pro
 void filing_collect(filing &where, const subject &what, uint64_t round, clause_list &candidates)
 {
     for (size_t i = 0; i < field_count; i++) {
+        if (where.fields[i].count == 0 || what.fields[i].empty())
+            continue;
         const property_view value{{}, what.fields[i]};
-        if (!value.value.empty())
-            collect_values(where.fields[i], {&value, 1}, round, candidates);
+        collect_values(where.fields[i], {&value, 1}, round, candidates);
     }
     collect_properties(where, what.properties, round, candidates);
     candidates.insert(candidates.end(), where.remainder.begin(), where.remainder.end());

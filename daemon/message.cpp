@@ -402,15 +402,27 @@ static_assert(std::size(rules) == step_end + 1);
 
 /* ---- Lines ---- */
 
+/* Whether an octet 0 is among those from BEGIN to END, which are ahead of the lines taken so far. Lines are
+ * short, so it is looked for beyond them. */
+static bool holds_zero(message_reader &reader, size_t begin, size_t end)
+{
+    static constexpr size_t ahead = 512;
+    if (end <= reader.clean)
+        return false;
+    const std::string_view some = std::string_view(reader.in).substr(begin, std::max(ahead, end - begin));
+    reader.clean = begin + std::min(some.find('\0'), some.size());
+    return reader.clean < end;
+}
+
 /* In the form factor of a connect any octet may stand; everywhere else a line holds no NUL and ends in CR LF.
  */
-static bool line_is_clean(message_reader &reader, std::string_view line, bool carriageReturn)
+static bool line_is_clean(message_reader &reader, size_t begin, size_t feed, bool carriageReturn)
 {
     if (reader.step == step_form_factor || reader.step == step_self_id)
         return true;
     if (!carriageReturn)
         return fail(reader, "line feed without carriage return");
-    if (line.find('\0') != std::string_view::npos)
+    if (holds_zero(reader, begin, feed))
         return fail(reader, "octet of value 0");
     return true;
 }
@@ -425,7 +437,7 @@ static bool take_line(message_reader &reader, size_t feed)
     const bool carriageReturn = line.ends_with('\r');
     if (carriageReturn)
         line.remove_suffix(1);
-    if (!line_is_clean(reader, line, carriageReturn))
+    if (!line_is_clean(reader, begin, feed, carriageReturn))
         return false;
     const line_rule &rule = rules[reader.step];
     if (!line.starts_with(rule.header))
@@ -471,7 +483,7 @@ static std::string cut_message(message_reader &reader)
 
 static void begin_message(message_reader &reader, size_t at)
 {
-    reader.start = reader.next = reader.scanned = at;
+    reader.start = reader.next = reader.scanned = reader.clean = at;
     reader.bodyEnd = 0;
     reader.line = 0;
     reader.step = step_request;
@@ -510,6 +522,7 @@ void message_reader_feed(message_reader &reader, std::string_view bytes)
     reader.start = 0;
     reader.next -= used;
     reader.scanned -= used;
+    reader.clean -= used;
     if (reader.bodyEnd != 0)
         reader.bodyEnd -= used;
     make_room(reader, bytes.size());

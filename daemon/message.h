@@ -109,6 +109,7 @@ struct message_reader {
     size_t start = 0;   /* beginning of that message */
     size_t next = 0;    /* beginning of the line to come */
     size_t scanned = 0; /* no line feed between `next` and here */
+    size_t clean = 0;   /* no octet 0 between `next` and here */
     size_t bodyEnd = 0; /* end of the message, once its header is complete; 0 before */
 
     bool connected = false; /* the connect message has been read */

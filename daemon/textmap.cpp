@@ -1,6 +1,8 @@
 #include "textmap.h"
 
 #include <bit>
+#include <cstring>
+#include <endian.h>
 #include <random>
 
 namespace zebd
@@ -17,6 +19,10 @@ hash_key random_hash_key()
 static uint64_t load(std::string_view octets)
 {
     uint64_t value = 0;
+    if (octets.size() == sizeof(value)) {
+        memcpy(&value, octets.data(), sizeof(value));
+        return le64toh(value);
+    }
     for (size_t i = octets.size(); i-- > 0;)
         value = value << 8 | static_cast<unsigned char>(octets[i]);
     return value;

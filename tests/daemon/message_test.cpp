@@ -2,6 +2,7 @@
 #include "message.h"
 #include "wire.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 using namespace zebd;
@@ -277,6 +278,37 @@ TEST(MessageReader, ALineHoldsNoOctetZero)
 {
     EXPECT_EQ(read_one(wire::with(wire::bareEvent, "eventType: ", std::string_view("eventType: a\0b", 14))),
               "broken: line 4: octet of value 0");
+}
+
+/* The first event's body is all zeros; the second one has a zero at PLACE. */
+std::string zeros_and_a_zero_at(size_t place)
+{
+    std::string second(wire::messageEvent);
+    second[place] = '\0';
+    return std::string(wire::connect) +
+           wire::with(wire::bareEvent, "Content-Length: 0", "Content-Length: 9") + std::string(9, '\0') +
+           second;
+}
+
+TEST(MessageReader, AZeroIsFoundInItsLineWhereverItStandsAndInABodyIsNothing)
+{
+    const std::string_view whole = wire::messageEvent;
+    const size_t header = whole.find("\r\n\r\n") + 4;
+    for (size_t place = 0; place < whole.size(); place++) {
+        const std::string bytes = zeros_and_a_zero_at(place);
+        const auto line =
+            1 + std::count(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(place), '\n');
+        for (const size_t piece : {size_t{1}, size_t{7}, size_t{100}, bytes.size()}) {
+            const std::vector<std::string> found = read_all(bytes, piece);
+            ASSERT_EQ(found.size(), 3U);
+            if (place >= header)
+                EXPECT_EQ(found[2].find("event"), 0U) << place;
+            else if (whole[place] != '\r' && whole[place] != '\n')
+                EXPECT_EQ(found[2], "broken: line " + std::to_string(line) + ": octet of value 0") << place;
+            else
+                EXPECT_EQ(found[2].find("broken: line " + std::to_string(line)), 0U) << place;
+        }
+    }
 }
 
 TEST(MessageReader, NothingComesBeforeTheConnect)
