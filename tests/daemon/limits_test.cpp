@@ -265,14 +265,14 @@ TEST_F(Limits, AClientThatTakesNothingOfALargeEventIsEndedUnderAnyPolicy)
 
 TEST_F(Limits, AClientThatIsSlowWithALargeEventIsNotEnded)
 {
-    serve({"queue.policy=drop-oldest", "queue.soft=1000000", "queue.soft_seconds=1"});
+    serve({"queue.policy=drop-oldest", "queue.soft=1000000", "queue.soft_seconds=3"});
     constexpr size_t size = 30000000;
     peer slow, from;
     ASSERT_TRUE(slow.join(daemon.port) && watch(slow, "/large"));
     ASSERT_TRUE(from.join(daemon.port) && publish_large(from, "/large", size));
     while (slow.got.size() < size / 2) {
         ASSERT_TRUE(slow.more());
-        std::this_thread::sleep_for(std::chrono::milliseconds(10)); /* together more than the limit */
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); /* together more than the limit */
     }
     EXPECT_TRUE(hear_large(slow, size));
     EXPECT_FALSE(logged("ended"));
