@@ -67,10 +67,8 @@ static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first)
 /* Without the lock: a remover that is woken under it often runs at once, only to wait for it. */
 void ezeb_queue_wake(ezeb_queue *queue, int32_t removers)
 {
-    if (removers == 1)
+    for (; removers > 0; removers--)
         ezeb_cond_signal(&queue->notEmpty);
-    else if (removers > 1)
-        ezeb_cond_broadcast(&queue->notEmpty);
 }
 
 static int32_t insert_and_wake(ezeb_queue *queue, ezeb_queue_cell *cell, bool first)

@@ -411,9 +411,32 @@ static void keep_memberlist(zeb_subscriber *sub, const zeb_notification *n)
     ezeb_laddrlist_destroy(&old);
 }
 
+static bool wants_own_thread(zeb_subscriber *sub);
 static bool starts_own_thread(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n);
 static void signal_list_locked(zeb_subscriber *sub) EZEB_REQUIRES(sub->lock);
 static void signal_list(zeb_subscriber *sub);
+
+/* Queues CELLS, if any, and says that something has arrived. Who waits in a receive is woken last: the queue
+ * and the subscriber are free then. */
+static void queue_arrivals(zeb_subscriber *sub, ezeb_queue_cell *cells)
+{
+    int32_t removers = 0;
+    {
+        const ezeb_locked hold(&sub->lock);
+        if (cells != nullptr)
+            removers = ezeb_queue_append(sub->queue, cells);
+        signal_list_locked(sub);
+    }
+    if (removers < 0)
+        ezeb_notification_destroyall(cells);
+    ezeb_queue_wake(sub->queue, removers);
+}
+
+/* What others notice though nobody has received it: by then what came before has to be there. */
+static bool is_noticed_at_once(const zeb_notification *n)
+{
+    return n->cls == ZEB_CLASS_MEMBERSHIPLIST || n->cls == ZEB_CLASS_INCOMINGSTREAM;
+}
 
 /* False when N, a later piece of a stream, is consumed. */
 static bool look_through(zeb_subscriber *sub, zeb_notification *n)
@@ -423,40 +446,36 @@ static bool look_through(zeb_subscriber *sub, zeb_notification *n)
     return n->cls != ZEB_CLASS_INCOMINGSTREAM || ezeb_streamtbl_take(sub->streams, n) != nullptr;
 }
 
-/* Those who wait are woken last: whatever they want is free then. */
 void ezeb_subscriber_deliver(ezeb_runtime *rt, zeb_subscriber *sub, ezeb_queue_cell *cells)
 {
     if (sub == nullptr || ezeb_flag_get(&sub->closing) != 0) {
         ezeb_notification_destroyall(cells);
         return;
     }
+    const bool ownThreads = wants_own_thread(sub);
     bool arrived = false;
     ezeb_queue_cell *queued = nullptr;
     ezeb_queue_cell **end = &queued;
     for (ezeb_queue_cell *next = nullptr; cells != nullptr; cells = next) {
         next = cells->next;
         auto *n = static_cast<zeb_notification *>(cells->element);
+        if (queued != nullptr && (ownThreads || is_noticed_at_once(n))) {
+            queue_arrivals(sub, queued);
+            arrived = false;
+            queued = nullptr;
+            end = &queued;
+        }
         if (!look_through(sub, n))
             continue;
         arrived = true;
-        if (starts_own_thread(rt, sub, n))
+        if (ownThreads && starts_own_thread(rt, sub, n))
             continue;
+        cells->next = nullptr;
         *end = cells;
         end = &cells->next;
     }
-    *end = nullptr;
-    if (!arrived)
-        return;
-    int32_t removers = 0;
-    {
-        const ezeb_locked hold(&sub->lock);
-        if (queued != nullptr)
-            removers = ezeb_queue_append(sub->queue, queued);
-        signal_list_locked(sub);
-    }
-    if (removers < 0)
-        ezeb_notification_destroyall(queued);
-    ezeb_queue_wake(sub->queue, removers);
+    if (arrived)
+        queue_arrivals(sub, queued);
 }
 
 /* Remembers who asks for the state; an answer goes there. */
@@ -699,12 +718,10 @@ static bool wants_own_thread(zeb_subscriber *sub)
     return sub->callbackRegistered != 0 && sub->callbackMode == 1;
 }
 
-/* Hands N to a thread of its own when the call-back wants that. Without a thread the queue takes N, where a
+/* Hands N to a thread of its own, which calls the call-back. Without a thread the queue takes N, where a
  * receive or the close finds it. */
 static bool starts_own_thread(ezeb_runtime *rt, zeb_subscriber *sub, zeb_notification *n)
 {
-    if (!wants_own_thread(sub))
-        return false;
     auto *s = ezeb_new<single>();
     if (s == nullptr)
         return false;

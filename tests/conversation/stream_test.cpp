@@ -343,6 +343,24 @@ class stream_receiving : public conversation
     zeb_subscriber *sub;
 };
 
+/* Both come in one go, and the piece wakes its reader. */
+TEST_F(stream_receiving, what_came_before_a_piece_can_be_received_when_the_piece_is_read)
+{
+    p.send(piece("key", "1"));
+    zeb_instream *in = next_stream();
+    for (int i = 0; i < 300; i++) {
+        char octet = 0;
+        ASSERT_EQ(zeb_instream_read(in, &octet, 1), 1);
+        p.send(message("1", "/before") + piece("key", "2"));
+        ASSERT_EQ(zeb_instream_read(in, &octet, 1), 1);
+        zeb_notification *n = zeb_subscriber_receive(sub, 0, 0);
+        ASSERT_NE(n, nullptr) << i;
+        zeb_subscriber_relinquish(sub, n);
+        p.send(piece("key", "3"));
+    }
+    zeb_instream_close(&in);
+}
+
 TEST_F(stream_receiving, only_the_first_piece_is_a_notification)
 {
     p.send(piece("key", "0123456789") + piece("key", "01234567890123456789") + end_mark("key"));

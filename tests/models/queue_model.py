@@ -85,17 +85,15 @@ def putter(off, *together):
         def step(s):
             if s["wake"] == 0 or "signal on put" in off:
                 return BLOCKED if number else None
-            if s["wake"] == 1 or "wake as many as came" in off:
-                return one(s)
-            broadcast(s, "notempty")
-            return BLOCKED if number else None
+            s["wake"] = 0 if "wake as many as came" in off else s["wake"] - 1
+            return one(s)
 
         return step
 
-    tell_them = [tell(0), tell(1), tell(2)]
+    tell_one = [tell(0), tell(1), tell(2)]
     code = []
     for count in together:
-        code += [lock("lock"), put(count), unlock("lock"), tell_them]
+        code += [lock("lock"), put(count), unlock("lock"), *[tell_one] * count]
     return [*code, goto("end"), "out", unlock("lock"), "end"]
 
 

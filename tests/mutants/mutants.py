@@ -18,8 +18,8 @@ MUTANTS = [
     Mutant(
         "an element that comes wakes nobody",
         QUEUE,
-        "    if (removers == 1)\n        ezeb_cond_signal(&queue->notEmpty);\n    else if (removers > 1)\n",
-        "    if (removers > 1)\n",
+        "    for (; removers > 0; removers--)\n",
+        "    for (; removers > 1; removers--)\n",
         "queue_test",
         "^unit.Queue",
     ),
