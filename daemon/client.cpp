@@ -112,7 +112,7 @@ static bool is_over(uint64_t since, double seconds, uint64_t now)
 
 static bool takes_items(const client &c)
 {
-    return !c.closing && !c.finished && c.doom.empty();
+    return !c.closing && !c.finished && c.unwritable == 0 && c.doom.empty();
 }
 
 static size_t items_of(const send_queue &queue)
@@ -342,6 +342,17 @@ void clients_review(server &s)
 
 /* ---- Writing ---- */
 
+/* A client that is gone may have left much to read: that still goes to its receivers, and its end ends the
+ * client. */
+static void fail_writing(client &c, int status)
+{
+    if ((status != UV_EPIPE && status != UV_ECONNRESET) || c.owner->stopping || c.closing)
+        return end_for_socket(c, "writing", status);
+    c.unwritable = status;
+    send_queue_abandon(c.queue);
+    compare_with_soft_limit(c);
+}
+
 static void on_written(uv_write_t *request, int status)
 {
     client &c = *client_of(request->data);
@@ -349,7 +360,7 @@ static void on_written(uv_write_t *request, int status)
     note_progress(c);
     compare_with_soft_limit(c);
     if (status < 0)
-        end_for_socket(c, "writing", status);
+        fail_writing(c, status);
     else if (!c.closing)
         client_flush(c);
 }
@@ -442,7 +453,7 @@ static bool begin_batch(client &c)
 static void fail_batch(client &c, int status)
 {
     send_queue_end_write(c.queue);
-    end_for_socket(c, "writing", status);
+    fail_writing(c, status);
 }
 
 /* Leaves the batch, without its first WRITTEN octets, to the loop, whose end of it calls for the next. */
@@ -535,7 +546,9 @@ static void on_input_wanted(uv_handle_t *handle, size_t, uv_buf_t *buffer)
 
 static void on_end_of_input(client &c, int status)
 {
-    if (message_reader_in_message(c.talk.reader) && !c.owner->stopping)
+    if (c.unwritable != 0)
+        end_for_socket(c, "writing", c.unwritable);
+    else if (message_reader_in_message(c.talk.reader) && !c.owner->stopping)
         end_because(c, &server_counters::endedProtocol, "disconnected in the middle of a message");
     else if (status != UV_EOF)
         end_for_socket(c, "reading", status);

@@ -47,6 +47,8 @@ struct client {
     bool dirty = false;    /* in server.dirty */
     bool finished = false; /* our side of the connection has been shut down */
     bool closing = false;
+    int unwritable =
+        0; /* the error after which nothing is written to it any more; what it sent is still read */
     std::string doom; /* why it must be ended at the next settle() */
 };
 
