@@ -1,5 +1,7 @@
 #include "config.h"
 
+#include "utf8.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -259,12 +261,21 @@ static bool is_table_name(const std::string &name)
     return std::ranges::any_of(keys, [&](const config_key &key) { return key.name.starts_with(name + "."); });
 }
 
+/* A name as the file has it when it has characters above ASCII. */
+static std::string name_text(const file_reading &reading, const toml::key &name)
+{
+    const size_t begin = place_in(reading.text, name.source().begin);
+    const size_t end = place_in(reading.text, name.source().end);
+    const std::string_view written = reading.text.substr(begin, end - begin);
+    return std::string(std::ranges::any_of(written, is_above_ascii) ? written : name.str());
+}
+
 /* TWIN is TABLE with another stand-in. Names we know have none, so what they name stands in both. */
 static void read_table(file_reading &reading, const toml::table &table, const toml::table &twin,
                        const std::string &prefix)
 {
     for (const auto &[name, value] : table) {
-        const std::string full = prefix + std::string(name.str());
+        const std::string full = prefix + name_text(reading, name);
         if (value.is_table() && is_table_name(full)) {
             read_table(reading, *value.as_table(), *twin.get_as<toml::table>(name.str()), full + ".");
             continue;
@@ -279,17 +290,43 @@ static void read_table(file_reading &reading, const toml::table &table, const to
     }
 }
 
+static size_t end_of_utf8(std::string_view text)
+{
+    size_t at = 0;
+    while (const size_t length = character_length(text.substr(at)))
+        at += length;
+    return at;
+}
+
+static config_problem problem_at(std::string_view text, size_t at, std::string reason)
+{
+    const std::string_view before = text.substr(0, at);
+    const size_t lineBegin = before.rfind('\n') + 1; /* 0 in the first line */
+    return {static_cast<uint32_t>(std::ranges::count(before, '\n') + 1),
+            static_cast<uint32_t>(at - lineBegin + 1), std::move(reason)};
+}
+
+/* The parser may complain of a stand-in, which nobody has written. */
+static config_problem problem_of(std::string_view text, const toml::parse_error &error)
+{
+    const toml::source_position &where = error.source().begin;
+    const size_t place = place_in(text, where);
+    const bool isStray = place < text.size() && is_above_ascii(text[place]);
+    return {where.line, where.column,
+            isStray ? "only ASCII can stand outside of quotes" : std::string(error.description())};
+}
+
 std::vector<config_problem> config_parse(std::string_view text, configuration &config)
 {
     static constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
     if (text.starts_with(byteOrderMark))
         text.remove_prefix(byteOrderMark.size());
+    if (const size_t end = end_of_utf8(text); end < text.size())
+        return {problem_at(text, end, "no UTF-8")};
     const toml::parse_result result = parse_ascii(std::string(text), '?');
     const toml::parse_result twin = parse_ascii(std::string(text), '!');
-    if (!result || !twin) {
-        const toml::parse_error &error = (result ? twin : result).error();
-        return {{error.source().begin.line, error.source().begin.column, std::string(error.description())}};
-    }
+    if (!result || !twin)
+        return {problem_of(text, (result ? twin : result).error())};
     file_reading reading{config, text, {}};
     read_table(reading, result.table(), twin.table(), "");
     std::ranges::sort(reading.problems, {},

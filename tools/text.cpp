@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include "utf8.h"
+
 #include <ctime>
 
 namespace tool
@@ -7,34 +9,10 @@ namespace tool
 
 /* ---- UTF-8 ---- */
 
-/* Length of the UTF-8 character that begins at TEXT, 0 when there is none. Overlong forms, surrogates and
- * what lies above the last code point are none. */
-static size_t character_length(std::string_view text)
-{
-    const auto octet = [text](size_t i) {
-        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-    };
-    const auto follows = [&octet](size_t i) { return (octet(i) & 0xC0U) == 0x80U; };
-    const unsigned first = octet(0), second = octet(1);
-    if (first < 0x80)
-        return text.empty() ? 0 : 1;
-    if (first >= 0xC2 && first <= 0xDF)
-        return follows(1) ? 2 : 0;
-    if (first >= 0xE0 && first <= 0xEF) {
-        const bool misplaced = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F);
-        return follows(1) && follows(2) && !misplaced ? 3 : 0;
-    }
-    if (first >= 0xF0 && first <= 0xF4) {
-        const bool misplaced = (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
-        return follows(1) && follows(2) && follows(3) && !misplaced ? 4 : 0;
-    }
-    return 0;
-}
-
 bool is_utf8(std::string_view text)
 {
     while (!text.empty()) {
-        const size_t length = character_length(text);
+        const size_t length = zebd::character_length(text);
         if (length == 0)
             return false;
         text.remove_prefix(length);
@@ -46,7 +24,7 @@ std::string_view first_characters(std::string_view text, size_t count)
 {
     size_t end = 0;
     while (count-- > 0 && end < text.size()) {
-        const size_t length = character_length(text.substr(end));
+        const size_t length = zebd::character_length(text.substr(end));
         if (length == 0 || static_cast<unsigned char>(text[end]) < 0x20)
             break;
         end += length;
@@ -58,7 +36,7 @@ size_t character_count(std::string_view text)
 {
     size_t count = 0;
     while (!text.empty()) {
-        const size_t length = character_length(text);
+        const size_t length = zebd::character_length(text);
         text.remove_prefix(length == 0 ? 1 : length);
         count++;
     }
@@ -75,7 +53,7 @@ std::string escaped(std::string_view text)
 {
     std::string result;
     while (!text.empty()) {
-        const size_t length = character_length(text);
+        const size_t length = zebd::character_length(text);
         const auto first = static_cast<unsigned char>(text[0]);
         if (first == '\\')
             result += "\\\\";

@@ -118,8 +118,10 @@ TEST(Config, OctetsAboveAsciiStandInQuotesAndComments)
          {"\xc3\xa9", "'a'\xc3\xa9", "\"a\\\\\"\xc8\x8c", "a\xc3\xa9", "0\"\xc8\x8c\"", "0[\"\xc8\x8c"})
         EXPECT_EQ(problem_in("port = 1\ninstance = " + std::string(value) + "\n").substr(0, 2), "2:")
             << value;
-    EXPECT_EQ(problem_in("\xc8\x8c = 1\n").substr(0, 4), "1:1 ");
-    EXPECT_EQ(problem_in("'\xc8\x8c' = 1\n").substr(0, 4), "1:1 ");
+    EXPECT_EQ(problem_in("\xc8\x8c = 1\n"), "1:1 only ASCII can stand outside of quotes\n");
+    EXPECT_EQ(problem_in("'\xc8\x8c' = 1\n"), "1:1 unknown key '\xc8\x8c'\n");
+    EXPECT_EQ(problem_in("port = 1\ninstance = \"a\xff\" # \xc3\n"), "2:14 no UTF-8\n");
+    EXPECT_EQ(problem_in("# \xed\xa0\x80\n"), "1:3 no UTF-8\n");
 }
 
 TEST(Config, EveryDefaultIsWithinItsOwnRange)
