@@ -362,6 +362,7 @@ struct concern {
 
 using concerns = std::vector<std::pair<index_entry *, concern>>;
 
+/* In an order that depends on what has happened, and on nothing else. */
 static concerns find_concerns(membership &members, const member_context &context)
 {
     std::unordered_map<index_entry *, concern> result;
@@ -380,7 +381,9 @@ static concerns find_concerns(membership &members, const member_context &context
     for (const auto &[serial, paced] : members.paced)
         if (paced.owed && !has_to_wait(members, context, serial))
             result[members.interests.filed.at(serial).entry].waiting.push_back(serial);
-    return {std::make_move_iterator(result.begin()), std::make_move_iterator(result.end())};
+    concerns all{std::make_move_iterator(result.begin()), std::make_move_iterator(result.end())};
+    std::ranges::sort(all, {}, [](const auto &each) { return each.first->holders.front(); });
+    return all;
 }
 
 /* How many members a flush may ask, give or take one list. It is a matter of some ten milliseconds. */

@@ -106,6 +106,25 @@ struct Membership : testing::Test {
     }
 };
 
+TEST_F(Membership, WatchersAreToldInTheOrderInWhichTheyCame)
+{
+    constexpr int watchers = 50;
+    for (int id = 1; id <= watchers; id++)
+        up(4, id, "watcher", "\"name=a\"|\"name=" + std::to_string(id) + "\"");
+    engine_flush(routing);
+    for (const char *round : {"first list", "change"}) {
+        const std::vector<std::string> told = out.drain(4);
+        ASSERT_EQ(told.size(), static_cast<size_t>(watchers)) << round;
+        const int first = std::stoi(read_event(told[0]).line("SubscriberID")); /* another one each time */
+        for (int i = 0; i < watchers; i++)
+            EXPECT_EQ(read_event(told[static_cast<size_t>(i)]).line("SubscriberID"),
+                      std::to_string((first - 1 + i) % watchers + 1))
+                << round;
+        up(3, 1, "a");
+        engine_flush(routing);
+    }
+}
+
 /* ---- Addresses ---- */
 
 TEST_F(Membership, AnAddressTellsAllThatIsKnownOfASubscriber)
