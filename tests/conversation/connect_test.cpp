@@ -348,6 +348,15 @@ TEST_F(connecting, pauses_are_real_seconds)
     EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{1});
 }
 
+TEST_F(connecting, pauses_are_the_same_though_the_clock_is_set)
+{
+    interposed::shorten_sleeps(milliseconds{1});
+    const interposed::unsteady_clock unsteady;
+    daemon.refuse();
+    ASSERT_EQ(zeb_init(), 0);
+    EXPECT_EQ(sleeps_once_there_are(37), ones(31, {2, 3, 4, 5, 5, 5}));
+}
+
 TEST_F(connecting, a_socket_that_cannot_be_had_ends_the_pass)
 {
     interposed::fail_sockets(0, 1, EMFILE);

@@ -409,6 +409,18 @@ TEST_F(discarding, returns_within_two_seconds_though_the_daemon_does_not_read)
     p.expect_end();
 }
 
+TEST_F(discarding, gives_the_daemon_its_second_though_the_clock_is_set)
+{
+    peer p = connected();
+    stall(zeb_publisher_create("c"), p);
+    const interposed::unsteady_clock unsteady;
+    const stopwatch watch;
+    EXPECT_EQ(zeb_shutdown_nowait(), 0);
+    EXPECT_GE(watch.elapsed(), milliseconds{1000});
+    EXPECT_LT(watch.elapsed(), stretched(milliseconds{2000}));
+    p.expect_end();
+}
+
 /* ---- The end of the process ---- */
 
 TEST_F(discarding, exit_without_shutdown_under_load_ends_the_process_properly)

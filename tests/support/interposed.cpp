@@ -1,5 +1,7 @@
 #include "interposed.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <dlfcn.h>
 #include <mutex>
@@ -57,6 +59,25 @@ auto &addressesToFind = everlasting<std::vector<std::string>>();
 failing sockets;
 uint16_t boundPort = 0;
 
+/* A wait on the wall clock. */
+struct clock_wait {
+    pthread_cond_t *cond;
+    time_t deadline;
+    int64_t offset; /* of the clock, as far as this wait knows */
+};
+
+auto &clockWaits = everlasting<std::vector<clock_wait *>>();
+std::atomic<int64_t> clockOffset{0}; /* changed under the lock */
+
+/* When the machine's clock shows what the one that was set shows at DEADLINE. */
+timespec unset(const timespec &deadline, int64_t offset)
+{
+    timespec real = deadline;
+    if (__builtin_sub_overflow(deadline.tv_sec, offset, &real.tv_sec))
+        real.tv_sec = INT64_MAX;
+    return real;
+}
+
 template <typename Function>
 Function *real(const char *name)
 {
@@ -95,6 +116,35 @@ extern "C" unsigned sleep(unsigned seconds)
     while (nanosleep(&rest, &rest) != 0 && errno == EINTR)
         ;
     return 0;
+}
+
+extern "C" time_t time(time_t *result) noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    now.tv_sec += clockOffset;
+    if (result != nullptr)
+        *result = now.tv_sec;
+    return now.tv_sec;
+}
+
+/* One wait for its caller: only a step of the clock, which wakes it as well, makes it begin anew. */
+extern "C" int pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const timespec *deadline)
+{
+    static auto *const wait = real<decltype(pthread_cond_timedwait)>("pthread_cond_timedwait");
+    clock_wait self{cond, deadline->tv_sec, 0};
+    std::unique_lock hold(lock);
+    clockWaits.push_back(&self);
+    int result = 0;
+    do {
+        self.offset = clockOffset;
+        const timespec end = unset(*deadline, self.offset);
+        hold.unlock();
+        result = wait(cond, mutex, &end);
+        hold.lock();
+    } while (result == 0 && self.offset != clockOffset);
+    clockWaits.erase(std::find(clockWaits.begin(), clockWaits.end(), &self));
+    return result;
 }
 
 extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
@@ -182,6 +232,7 @@ namespace zebtest::interposed
 
 void reset()
 {
+    step_clock(-clockOffset);
     const std::lock_guard hold(lock);
     sleepsSoFar.clear();
     perSecond = milliseconds{1000};
@@ -231,6 +282,53 @@ std::string last_lookup()
 {
     const std::lock_guard hold(lock);
     return lookup;
+}
+
+void step_clock(int64_t seconds)
+{
+    {
+        const std::lock_guard hold(lock);
+        clockOffset += seconds;
+    }
+    eventually([] { /* one that is about to wait has to be woken again */
+                    const std::lock_guard hold(lock);
+                    bool known = true;
+                    for (const clock_wait *waiting : clockWaits) {
+                        if (waiting->offset == clockOffset)
+                            continue;
+                        pthread_cond_broadcast(waiting->cond);
+                        known = false;
+                    }
+                    return known;
+    });
+}
+
+unsteady_clock::unsteady_clock()
+    : thread([this] {
+          while (!over) {
+              for (const int64_t step : {3600, -3600, -3600, 3600}) {
+                  step_clock(step);
+                  std::this_thread::sleep_for(milliseconds{1});
+              }
+          }
+      })
+{
+}
+
+unsteady_clock::~unsteady_clock()
+{
+    over = true;
+    thread.join();
+}
+
+int64_t left_to_wait()
+{
+    const std::lock_guard hold(lock);
+    const int64_t now = time(nullptr);
+    int64_t most = 0;
+    for (const clock_wait *waiting : clockWaits)
+        most = std::max(most, waiting->deadline - now);
+    return most;
 }
 
 std::vector<created_thread> created_threads()

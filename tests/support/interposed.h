@@ -6,9 +6,11 @@
 
 #include "patience.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zebtest::interposed
@@ -24,6 +26,28 @@ void reset();
 void shorten_sleeps(milliseconds perSecond);
 std::vector<unsigned> sleeps(); /* all so far, in order */
 void forget_sleeps();
+
+/* ---- time and pthread_cond_timedwait ---- */
+
+/* Sets the wall clock that the process sees: back with less than 0. Returns when every wait on it knows. */
+void step_clock(int64_t seconds);
+
+/* Seconds until the last of all waits on the wall clock ends; 0 without one. */
+int64_t left_to_wait();
+
+/* While it exists the wall clock goes to and fro by an hour. */
+class unsteady_clock
+{
+  public:
+    unsteady_clock();
+    ~unsteady_clock();
+    unsteady_clock(const unsteady_clock &) = delete;
+    unsteady_clock &operator=(const unsteady_clock &) = delete;
+
+  private:
+    std::atomic<bool> over{false};
+    std::thread thread;
+};
 
 /* ---- pthread_create ---- */
 
