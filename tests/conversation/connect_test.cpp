@@ -384,6 +384,48 @@ TEST_F(connecting, a_daemon_that_starts_later_is_found)
     EXPECT_EQ(sent_before_mark(p), "");
 }
 
+TEST_F(connecting, a_daemon_whose_queue_is_full_is_waited_for_without_a_pause)
+{
+    daemon.stand_still();
+    interposed::resolve_to({"127.0.0.1"});
+    interposed::count_sockets();
+    ASSERT_EQ(zeb_init(), 0);
+    ASSERT_TRUE(eventually([&] { return daemon.is_called_in_vain(); }));
+    daemon.accept();
+    peer p = daemon.accept_connected(home.path());
+    EXPECT_EQ(sent_before_mark(p), "");
+    EXPECT_EQ(interposed::socket_calls(), 1);
+    EXPECT_EQ(interposed::sleeps(), std::vector<unsigned>{});
+}
+
+TEST_F(connecting, a_connection_that_is_closed_at_once_counts_as_a_failed_handshake)
+{
+    interposed::shorten_sleeps(milliseconds{0});
+    ASSERT_EQ(zeb_init(), 0);
+    for (int i = 0; i < 5; i++)
+        daemon.accept();
+    daemon.accept_connected(home.path());
+    daemon.accept();
+    EXPECT_EQ(interposed::sleeps(), (std::vector<unsigned>{1, 2, 4, 8}));
+}
+
+TEST_F(connecting, somebody_else_at_the_port_counts_as_a_failed_handshake)
+{
+    interposed::shorten_sleeps(milliseconds{0});
+    ASSERT_EQ(zeb_init(), 0);
+    const std::string_view others[] = {"220 mail ESMTP\r\n",
+                                       "HTTP/1.1 400 Bad Request\r\nServer: x\r\n\r\n<html>\r\n",
+                                       {"\x16\x03\x01\x00\x02\x02\x28", 7}};
+    for (const std::string_view answer : others) {
+        peer p = daemon.accept();
+        p.send(answer);
+        p.half_close();
+        p.expect_end();
+    }
+    peer p = daemon.accept_connected(home.path());
+    EXPECT_EQ(interposed::sleeps(), (std::vector<unsigned>{1, 2}));
+}
+
 /* A number that nobody holds. */
 uint16_t unused_port()
 {

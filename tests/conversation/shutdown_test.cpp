@@ -98,6 +98,39 @@ TEST_P(ending, with_a_daemon_that_does_not_even_accept_is_quick)
     EXPECT_LT(watch.elapsed(), stretched(milliseconds{1000}));
 }
 
+TEST_P(ending, with_a_daemon_whose_queue_is_full_is_quick)
+{
+    daemon.stand_still();
+    interposed::resolve_to({"127.0.0.1"});
+    ASSERT_EQ(zeb_init(), 0);
+    ASSERT_TRUE(eventually([&] { return daemon.is_called_in_vain(); }));
+    const stopwatch watch;
+    EXPECT_EQ(shut(), 0);
+    EXPECT_LT(watch.elapsed(), stretched(milliseconds{1000}));
+}
+
+TEST_P(ending, with_an_answer_to_the_handshake_that_never_ends_is_quick)
+{
+    for (const std::string line : {"Result: success\r\n", "without an end "}) {
+        ASSERT_EQ(zeb_init(), 0);
+        peer p = daemon.accept();
+        p.expect(handshake(home.path()));
+        std::atomic<int> sent{0};
+        std::atomic<bool> over{false};
+        background talk([&] {
+            for (; !over; sent++)
+                p.send(line);
+            return true;
+        });
+        EXPECT_TRUE(eventually([&] { return sent > 1000; }));
+        const stopwatch watch;
+        EXPECT_EQ(shut(), 0);
+        EXPECT_LT(watch.elapsed(), stretched(milliseconds{1000}));
+        over = true;
+        EXPECT_TRUE(talk.get());
+    }
+}
+
 TEST_P(ending, in_the_middle_of_a_message_is_quick)
 {
     peer p = connected();

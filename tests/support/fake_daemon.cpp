@@ -1,5 +1,7 @@
 #include "fake_daemon.h"
 
+#include <cstdio>
+#include <fstream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -130,6 +132,32 @@ bool fake_daemon::is_called_within(milliseconds limit)
 {
     pollfd watched[families] = {{listening[0], POLLIN, 0}, {listening[1], POLLIN, 0}};
     return poll(watched, families, static_cast<int>(limit.count())) > 0;
+}
+
+void fake_daemon::stand_still()
+{
+    sockaddr_in here{};
+    socklen_t length = sizeof(here);
+    const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (!listen_only(AF_INET) || listen(listening[0], 0) != 0 ||
+        getsockname(listening[0], reinterpret_cast<sockaddr *>(&here), &length) != 0 ||
+        connect(other, reinterpret_cast<const sockaddr *>(&here), length) != 0)
+        throw std::runtime_error("cannot fill the queue");
+    close(other);
+}
+
+bool fake_daemon::is_called_in_vain() const
+{
+    constexpr unsigned synSent = 2;
+    std::ifstream table("/proc/self/net/tcp");
+    for (std::string line; std::getline(table, line);) {
+        unsigned port = 0;
+        unsigned state = 0;
+        if (sscanf(line.c_str(), "%*s %*s %*x:%x %x", &port, &state) == 2 && port == number &&
+            state == synSent)
+            return true;
+    }
+    return false;
 }
 
 int fake_daemon::take_waiting()

@@ -73,6 +73,13 @@ class fake_daemon
      */
     bool listen_only(int family);
 
+    /* Listens at 127.0.0.1 alone, with a queue of connections that is full until accept has taken the first,
+     * which nobody serves: whoever connects waits. */
+    void stand_still();
+
+    /* Somebody waits like that. */
+    bool is_called_in_vain() const;
+
   private:
     static constexpr int families = 2;
     bool reserve();
