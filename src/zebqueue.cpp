@@ -44,7 +44,8 @@ static void link_first_locked(ezeb_queue *queue, ezeb_queue_cell *cell) EZEB_REQ
     queue->head = cell;
 }
 
-/* Links a chain of cells. How many removers are to be woken for it; -1 when the queue refuses it. */
+/* Links a chain of cells. How many removers are to be woken for it; -1 when the queue refuses it. Whoever has
+ * been woken and does not run yet is not woken again: that would end his next limited wait. */
 static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first)
 {
     const ezeb_locked hold(&queue->lock);
@@ -61,7 +62,9 @@ static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first)
         count++;
     }
     ezeb_flag_set(&queue->length, queue->length + count);
-    return count < queue->removers ? count : queue->removers;
+    const int32_t woken = count < queue->unsignalled ? count : queue->unsignalled;
+    queue->unsignalled -= woken;
+    return woken;
 }
 
 /* Without the lock: a remover that is woken under it often runs at once, only to wait for it. */
@@ -137,17 +140,27 @@ void ezeb_queue_cell_free(ezeb_queue_cell *cell)
         ezeb_free(cell);
 }
 
+static void expect_signal_locked(ezeb_queue *queue) EZEB_REQUIRES(queue->lock)
+{
+    if (queue->unsignalled < queue->removers)
+        queue->unsignalled++;
+}
+
 static void wait_for_element_locked(ezeb_queue *queue, int64_t timeout) EZEB_REQUIRES(queue->lock)
 {
     queue->removers++;
     if (timeout <= 0) {
-        do
+        do {
+            expect_signal_locked(queue);
             ezeb_cond_wait(&queue->notEmpty, &queue->lock);
-        while (queue->head == nullptr && !refuses(queue));
+        } while (queue->head == nullptr && !refuses(queue));
     } else {
         const timespec deadline = ezeb_deadline(timeout);
-        ezeb_cond_waituntil(&queue->notEmpty, &queue->lock,
-                            &deadline); /* once: a spurious wake-up ends the wait */
+        expect_signal_locked(queue);
+        const bool signalled = ezeb_cond_waituntil(&queue->notEmpty, &queue->lock,
+                                                   &deadline); /* once: a spurious wake-up ends the wait */
+        if (!signalled && queue->unsignalled > 0)
+            queue->unsignalled--;
     }
     queue->removers--;
 }

@@ -20,7 +20,8 @@ struct ezeb_queue {
     ezeb_cond notEmpty; /* an element came, or none will */
     ezeb_cond emptied;  /* the queue, or its crowd of removers, has become empty */
     uint32_t emptiedWaiters EZEB_GUARDED_BY(lock);
-    int32_t removers EZEB_GUARDED_BY(lock); /* threads waiting on notEmpty */
+    int32_t removers EZEB_GUARDED_BY(lock);    /* threads waiting on notEmpty */
+    int32_t unsignalled EZEB_GUARDED_BY(lock); /* those of them that nobody is about to wake, at most */
     ezeb_queue_cell *head EZEB_GUARDED_BY(lock);
     ezeb_queue_cell *
         tail EZEB_GUARDED_BY(lock); /* null while the queue holds exactly one element, and when empty */

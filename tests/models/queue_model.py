@@ -24,6 +24,9 @@ def taker(me, off):
     def enter(s):
         s["removers"] += 1
 
+    def expect_signal(s):
+        s["unsignalled"] = min(s["unsignalled"] + 1, s["removers"])
+
     def stays(s):
         if "wait looks again" in off:
             return "leave"
@@ -53,6 +56,7 @@ def taker(me, off):
         enter,
         mark,
         "again",
+        expect_signal,
         *wait("notempty", "lock", me),
         lambda s: None if stays(s) is None else "leave",
         lambda s: "again",
@@ -74,7 +78,8 @@ def putter(off, *together):
                 return "out"
             s["items"] += count
             s["put"] += count
-            s["wake"] = min(count, s["removers"])
+            s["wake"] = min(count, s["unsignalled"])
+            s["unsignalled"] -= s["wake"]
             return None
 
         return step
@@ -150,6 +155,7 @@ def explored(off=()):
         "taken": 0,
         "released": 0,
         "removers": 0,
+        "unsignalled": 0,
         "draining": False,
         "shut": False,
         "waiteda": False,

@@ -194,6 +194,31 @@ TEST_F(Queue, AppendingAChainTellsHowManyAreToBeWoken)
     take();
 }
 
+/* Who was woken may not run at once; a second signal would end his next limited wait. */
+TEST_F(Queue, WhoIsAboutToBeWokenIsNotWokenAgain)
+{
+    std::thread remover([&] { EXPECT_EQ(numberOf(ezeb_queue_dequeue(queue, 1, 0)), 1U); });
+    awaitRemovers(1);
+    ezeb_queue_cell first = {element(1), nullptr, true};
+    ezeb_queue_cell second = {element(2), nullptr, true};
+    const int32_t one = ezeb_queue_append(queue, &first);
+    EXPECT_EQ(one, 1);
+    EXPECT_EQ(ezeb_queue_append(queue, &second), 0);
+    ezeb_queue_wake(queue, one);
+    remover.join();
+    EXPECT_EQ(contents(), numbers{2});
+    take();
+}
+
+/* One that left without having been woken is none to be woken. */
+TEST_F(Queue, WhoHasWaitedInVainIsNotCounted)
+{
+    EXPECT_EQ(ezeb_queue_dequeue(queue, 1, 1000), nullptr);
+    ezeb_queue_cell cell = {element(1), nullptr, true};
+    EXPECT_EQ(ezeb_queue_append(queue, &cell), 0);
+    take();
+}
+
 TEST_F(Queue, DequeueWithoutWaitingIgnoresTheTimeout)
 {
     const auto start = std::chrono::steady_clock::now();
