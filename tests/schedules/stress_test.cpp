@@ -159,7 +159,8 @@ int32_t close_oneself(zeb_notification *, void *context)
 void close_against_delivery(obliging_daemon &daemon, int turn)
 {
     start();
-    std::atomic<int> taken{0};
+    static std::atomic<int> taken; /* on a stack, nothing would order its reuse after the last call-back */
+    taken = 0;
     std::vector<zeb_subscriber *> subs;
     std::vector<std::string> ids;
     for (int mode = 0; mode < 4; mode++) {
@@ -215,7 +216,8 @@ void register_cancel_register(obliging_daemon &daemon, int turn)
     const std::string id = id_of(sub);
     constexpr int events = 24;
     const bool mixed = turn % 2 == 1;
-    std::atomic<int> taken{0};
+    static std::atomic<int> taken; /* on a stack, nothing would order its reuse after the last call-back */
+    taken = 0;
     all_at_once({[&] {
                      for (int i = 0; i < events; i++)
                          daemon.send(full_event(id));
@@ -368,7 +370,8 @@ void close_if_left(zeb_subscriber *member)
 void disconnect_against_shutdown(obliging_daemon &daemon, int turn)
 {
     start();
-    std::atomic<int> taken{0};
+    static std::atomic<int> taken; /* on a stack, nothing would order its reuse after the last call-back */
+    taken = 0;
     zeb_subscriber *plain = subscriber();
     zeb_subscriber_registercallback(plain, take_notification, &taken, 0);
     zeb_subscriber *member = subscriber("(\"a=b\")");
