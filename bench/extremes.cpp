@@ -1,6 +1,6 @@
 /* What no program should do and some will: a line of 64 MiB, a block with 160,000 names, an event for a
  * million subscribers, 100,000 notifications held at once and given back in no order. One line of JSON:
- * seconds for each.
+ * processor seconds for each.
  *
  *     bench_extremes address=PORT
  */
@@ -91,6 +91,7 @@ double many_names()
         zeb_bb_seg_addelement(segment, ("name-" + std::to_string(i)).c_str(), "value");
     int32_t length = 0;
     void *body = zeb_bb_block2body(block, &length);
+    require(body != nullptr, "encoding");
     const uint64_t start = worked();
     zeb_bb *decoded = zeb_bb_body2block(body, length);
     const double seconds = seconds_since(start);
@@ -112,8 +113,10 @@ double many_held(const std::string &address)
     while (held.size() < count) {
         for (int i = 0; i < 1000; i++)
             zeb_publisher_publish(publisher, zeb_notification_create("/held", "body", 4));
-        for (int i = 0; i < 1000; i++)
+        for (int i = 0; i < 1000; i++) {
             held.push_back(zeb_subscriber_receive(subscriber, 1, 0));
+            require(held.back() != nullptr, "zeb_subscriber_receive");
+        }
     }
     std::shuffle(held.begin(), held.end(), std::mt19937(1));
     const uint64_t start = worked();

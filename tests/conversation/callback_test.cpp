@@ -131,7 +131,7 @@ TEST_F(calling, other_modes_are_registered_but_never_called)
     EXPECT_EQ(zeb_subscriber_registercallback(sub, note_type, &calls, 2), 0);
     p.send(message("1", "/t"));
     EXPECT_EQ(receive_type(sub), "/t");
-    EXPECT_TRUE(threads_become("", threads));
+    EXPECT_EQ(threads_named(""), threads);
     EXPECT_EQ(calls.all(), std::vector<std::string>{});
     zeb_subscriber_close(sub);
 }
@@ -153,7 +153,7 @@ TEST_F(calling, mode_0_calls_in_order_on_one_thread)
     }
     EXPECT_TRUE(calls.becomes(expected));
     EXPECT_EQ(calls.thread_count(), 1U);
-    EXPECT_TRUE(threads_become("zeb-dispatch", 1));
+    EXPECT_EQ(threads_named("zeb-dispatch"), 1);
     zeb_subscriber_close(sub);
     EXPECT_TRUE(no_call_back_threads());
 }
@@ -318,8 +318,8 @@ TEST_F(calling, mode_1_calls_at_the_same_time_on_a_thread_each)
     for (int i = 0; i < 10; i++)
         p.send(message("1", "/t", "body"));
     EXPECT_TRUE(m.gate.has_waiting(10));
-    EXPECT_TRUE(threads_become("zeb-callback", 10));
-    EXPECT_TRUE(threads_become("zeb-dispatch", 0));
+    EXPECT_EQ(threads_named("zeb-callback"), 10);
+    EXPECT_EQ(threads_named("zeb-dispatch"), 0);
     m.gate.let_pass();
     EXPECT_TRUE(no_call_back_threads());
     EXPECT_EQ(m.calls.all().size(), 10U);

@@ -72,6 +72,10 @@ def best_of(rounds, is_good, *measures):
     return best
 
 
+# What the ratios may be at most.
+MANY_TYPES, COLD_TYPES, FAN_OUT = 1.5, 4, 0.5
+
+
 def matching(program, table, rounds, events):
     """Each type has one subscriber; all of them stand behind one connection, so that only matching differs."""
     with Scene(program, 1) as few, Scene(program, 1) as many:
@@ -83,12 +87,12 @@ def matching(program, table, rounds, events):
             kinds = [scene.kinds[n * 7919 % types] for n in range(events)]
             return lambda: scene.cost(kinds, scene.kinds[0])
 
-        low, high, cold = best_of(rounds, lambda low, high, cold: high / low <= 1.5 and cold / low <= 4,
+        low, high, cold = best_of(rounds, lambda low, high, cold: high / low <= MANY_TYPES and cold / low <= COLD_TYPES,
                                   measure(few, 10), measure(many, 10), measure(many, 10000))
     table.row("an event to one of 10 subscribers of different types", low * 1e6, "us")
     table.row("the same among 10,000", high * 1e6, "us")
-    table.row("  ratio", high / low, most=1.5)
-    table.row("  ratio when all types take turns, out of memory that is in no cache", cold / low, most=4)
+    table.row("  ratio", high / low, most=MANY_TYPES)
+    table.row("  ratio when all types take turns, out of memory that is in no cache", cold / low, most=COLD_TYPES)
 
 
 def fan_out(program, table, rounds, events):
@@ -97,11 +101,11 @@ def fan_out(program, table, rounds, events):
             for reader in scene.readers:
                 scene.subscribe(reader, ["/app/**"])
         kinds = ["/app/type/7"] * events
-        low, high = best_of(rounds, lambda low, high: high / (100 * low) <= 0.5,
+        low, high = best_of(rounds, lambda low, high: high / (100 * low) <= FAN_OUT,
                             lambda: one.cost(kinds * 10, kinds[0]), lambda: hundred.cost(kinds, kinds[0]))
     table.row("an event to 1 subscriber", low * 1e6, "us")
     table.row("an event to 100 subscribers with connections of their own", high * 1e6, "us")
-    table.row("  ratio to 100 events to one", high / (100 * low), most=0.5)
+    table.row("  ratio to 100 events to one", high / (100 * low), most=FAN_OUT)
 
 
 def idle_memory(program, table, subscribers):
