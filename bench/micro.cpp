@@ -1,6 +1,6 @@
 /* The small pieces by themselves: handing over in the queue, writing and reading an event, blocks. Writing
- * and reading go through a socket pair within one thread, which is part of the figure. Matching is measured
- * by routing.cpp.
+ * and reading go through a socket pair within one thread, which is part of the figure. Matching is in
+ * matching.cpp.
  *
  *     bench_micro [--benchmark_filter=...]
  */
@@ -20,7 +20,7 @@ namespace
 void hand_over(benchmark::State &state)
 {
     ezeb_queue *queue = ezeb_queue_create();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         ezeb_queue_enqueue(queue, queue);
         benchmark::DoNotOptimize(ezeb_queue_dequeue(queue, 0, 0));
     }
@@ -32,7 +32,7 @@ void hand_over_own_cell(benchmark::State &state)
 {
     ezeb_queue *queue = ezeb_queue_create();
     ezeb_queue_cell cell{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         ezeb_queue_enqueue_cell(queue, &cell, queue);
         benchmark::DoNotOptimize(ezeb_queue_dequeue(queue, 0, 0));
     }
@@ -53,7 +53,7 @@ zeb_notification *new_event(size_t bodyLength)
 
 void create(benchmark::State &state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         ezeb_notification_destroy(new_event(static_cast<size_t>(state.range(0))));
 }
 BENCHMARK(create)->Arg(0)->Arg(256)->Arg(3000);
@@ -83,7 +83,7 @@ void write_event(benchmark::State &state)
     ezeb_sb *sb = ezeb_sb_create(pair.near);
     zeb_notification *n = new_event(static_cast<size_t>(state.range(0)));
     char drain[65536];
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         require(ezeb_notification_write(&runtime, n, sb) == 1, "writing");
         require(recv(pair.far, drain, sizeof(drain), 0) > 0, "recv");
     }
@@ -112,7 +112,7 @@ void read_event(benchmark::State &state)
     const socket_pair pair;
     ezeb_sb *sb = ezeb_sb_create(pair.near);
     const std::string bytes = delivered_event(static_cast<size_t>(state.range(0)));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         send_all(pair.far, bytes.data(), bytes.size());
         int32_t *ids = nullptr;
         int32_t count = 0;
@@ -139,7 +139,7 @@ zeb_bb *new_block()
 void block_encode(benchmark::State &state)
 {
     zeb_bb *block = new_block();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         int32_t length = 0;
         free(zeb_bb_block2body(block, &length));
     }
@@ -152,7 +152,7 @@ void block_decode(benchmark::State &state)
     zeb_bb *block = new_block();
     int32_t length = 0;
     void *bytes = zeb_bb_block2body(block, &length);
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         zeb_bb_destroy(zeb_bb_body2block(bytes, length));
     free(bytes);
     zeb_bb_destroy(block);

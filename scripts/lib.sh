@@ -10,11 +10,12 @@ cd "$root"
 mkdir -p "$logs"
 
 # What any of the builds needs with its tests; the shells are those the tool writes completion scripts for. The second
-# compiler and the checkers come on top where they are used.
+# compiler, the checkers and what else they have to see come on top where they are used.
 build_packages=(g++ cmake ninja-build pkg-config python3 libuv1-dev libcli11-dev libspdlog-dev libtomlplusplus-dev nlohmann-json3-dev
     libgtest-dev zsh fish)
 # The version is part of the name: layout and findings differ between versions.
-check_packages=(abigail-tools clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 cppcheck)
+check_packages=(abigail-tools clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 cppcheck
+    libbenchmark-dev)
 
 die() {
     printf '%s: %s\n' "$(basename "$0")" "$*" >&2
