@@ -4,6 +4,7 @@
  * ezebglobalmutex serialises start-up, shutdown and fork. A shutdown marks the runtime as stopping and lets
  * the lock go while it drains and joins, so that a daemon that stalls does not make every fork of the process
  * wait; whoever needs the lock for start-up or another shutdown waits until it is done. */
+#include "ezebnotification.h"
 #include "ezebruntime.h"
 
 #include "ezebsubscriber.h"
@@ -367,6 +368,7 @@ int32_t ezeb_shutdown(int32_t wait)
     ezeb_cond_broadcast(&ezebglobalcond);
     ezeb_mutex_unlock(&ezebglobalmutex);
     runtime_unref(rt);
+    ezeb_notification_forget_blocks();
     return 0;
 }
 

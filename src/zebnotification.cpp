@@ -33,10 +33,12 @@ static bool is_messagelike(uint32_t cls)
     return cls == ZEB_CLASS_MESSAGE || cls == ZEB_CLASS_OUTGOINGSTREAM || cls == ZEB_CLASS_INCOMINGSTREAM;
 }
 
+static ezeb_blockcache blocks = {}; /* of notifications: nearly all are released by another thread */
+
 static zeb_notification *new_notification(void)
 {
     /* The room behind the fields need not be zeroed. */
-    auto *n = static_cast<zeb_notification *>(ezeb_malloc(sizeof(zeb_notification)));
+    auto *n = static_cast<zeb_notification *>(ezeb_blockcache_take(&blocks, sizeof(zeb_notification)));
     if (n == nullptr)
         return nullptr;
     memset(static_cast<void *>(n), 0, offsetof(zeb_notification, room));
@@ -107,7 +109,12 @@ void ezeb_notification_destroy(zeb_notification *n)
     if (n->inputStreamHanded == 0)
         ezeb_instream_close(&n->inputStream);
     ezeb_arena_release(&n->strings);
-    ezeb_free(n);
+    ezeb_blockcache_give(&blocks, n);
+}
+
+void ezeb_notification_forget_blocks(void)
+{
+    ezeb_blockcache_clear(&blocks);
 }
 
 ezeb_queue_cell *ezeb_notification_cell(zeb_notification *n)

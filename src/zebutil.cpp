@@ -2,6 +2,7 @@
 #include "ezebutil.h"
 
 #include "ezeballocseam.h"
+#include "ezeblock.h"
 
 #include <errno.h>
 #include <stdarg.h>
@@ -283,6 +284,79 @@ char *ezeb_text_finish(ezeb_text *text)
     }
     *text = ezeb_text{};
     return data;
+}
+
+/* ---- Block cache ---- */
+
+/* Nothing under the address sanitizer, which tells a use after the release only of what was released. */
+static constexpr int32_t most_idle(void)
+{
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    return 0;
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+    return 0;
+#endif
+    return EZEB_BLOCKCACHE_MOST;
+}
+
+static bool enter(ezeb_blockcache *cache)
+{
+    ezeb_yield();
+    return __atomic_exchange_n(&cache->busy, 1, __ATOMIC_ACQUIRE) == 0;
+}
+
+static void leave(ezeb_blockcache *cache)
+{
+    ezeb_flag_release(&cache->busy, 0);
+}
+
+/* A block out of the chain, or null. */
+static void *take_idle(ezeb_blockcache *cache)
+{
+    if (ezeb_flag_get(&cache->idle) == 0 || !enter(cache))
+        return nullptr;
+    void *block = cache->first;
+    if (block != nullptr) {
+        cache->first = *static_cast<void **>(block);
+        ezeb_flag_set(&cache->idle, cache->idle - 1);
+    }
+    leave(cache);
+    return block;
+}
+
+static bool keep_idle(ezeb_blockcache *cache, void *block)
+{
+    if (ezeb_flag_get(&cache->idle) >= most_idle() || !enter(cache))
+        return false;
+    *static_cast<void **>(block) = cache->first;
+    cache->first = block;
+    ezeb_flag_set(&cache->idle, cache->idle + 1);
+    leave(cache);
+    return true;
+}
+
+void *ezeb_blockcache_take(ezeb_blockcache *cache, size_t size)
+{
+    if (ezeb_allocseam_refuses())
+        return nullptr;
+    void *block = take_idle(cache);
+    return counted(block != nullptr ? block : malloc(size));
+}
+
+void ezeb_blockcache_give(ezeb_blockcache *cache, void *block)
+{
+    if (keep_idle(cache, block))
+        ezeb_allocseam_count(-1);
+    else
+        ezeb_free(block);
+}
+
+void ezeb_blockcache_clear(ezeb_blockcache *cache)
+{
+    while (void *block = take_idle(cache))
+        free(block);
 }
 
 /* ---- Arena ---- */

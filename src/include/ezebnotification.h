@@ -75,6 +75,7 @@ struct zeb_notification {
 
 zeb_notification *ezeb_notification_create(const char *type, const void *body, int32_t bodyLength);
 void ezeb_notification_destroy(zeb_notification *n); /* null is ignored */
+void ezeb_notification_forget_blocks(void);          /* releases memory that is kept for further ones */
 
 /* The cell of N, as a chain of its own; and the end of a whole chain with its notifications. */
 ezeb_queue_cell *ezeb_notification_cell(zeb_notification *n);

@@ -70,6 +70,22 @@ void ezeb_text_spaces(ezeb_text *text, size_t count);
 char *ezeb_text_finish(
     ezeb_text *text); /* the string, for the caller to free; null when empty or an append failed */
 
+/* ---- Block cache: what one thread releases is kept for another that wants a block of the same size. The
+ * allocator would make both meet at its lock, and give pages back in between. Starts zeroed. Nobody waits for
+ * a cache: who finds it in use goes to the allocator, as does, for good, a child that was forked at such an
+ * instant. */
+struct ezeb_blockcache {
+    int32_t busy; /* somebody is at the two below */
+    int32_t idle; /* blocks in the chain; read anywhere as a hint */
+    void *first;  /* of the chain, whose links stand in the blocks */
+};
+
+enum { EZEB_BLOCKCACHE_MOST = 512 };
+
+void *ezeb_blockcache_take(ezeb_blockcache *cache, size_t size); /* or null; SIZE is the same in every call */
+void ezeb_blockcache_give(ezeb_blockcache *cache, void *block);
+void ezeb_blockcache_clear(ezeb_blockcache *cache);
+
 /* ---- Arena: strings and small records that live and die together. Starts zeroed, or over a first block of
  * the owner's; nothing is released before the whole. */
 struct ezeb_arena_block;

@@ -3,11 +3,15 @@
 
 #include "unit.h"
 
+#include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdarg>
 #include <cstring>
 #include <random>
+#include <thread>
 #include <utility>
+#include <vector>
 
 namespace
 {
@@ -409,6 +413,99 @@ TEST(Util, ATextWithoutMemoryIsNullAndStaysSo)
             EXPECT_EQ(strlen(whole.get()), 1500U);
         }
     });
+}
+
+/* ---- Block cache ---- */
+
+/* Under the address sanitizer nothing is kept. */
+constexpr int MOST_IDLE = zebtest::addressSanitizer ? 0 : EZEB_BLOCKCACHE_MOST;
+
+TEST(Util, ABlockCacheHandsOutWhatWasGivenBackLast)
+{
+    ezeb_blockcache cache = {};
+    void *first = ezeb_blockcache_take(&cache, 64);
+    void *second = ezeb_blockcache_take(&cache, 64);
+    ASSERT_NE(first, second);
+    memset(first, 'a', 64);
+    ezeb_blockcache_give(&cache, first);
+    ezeb_blockcache_give(&cache, second);
+    EXPECT_EQ(cache.idle, std::min(2, MOST_IDLE));
+    if (MOST_IDLE == 0)
+        GTEST_SKIP() << "nothing is kept in this build";
+    EXPECT_EQ(ezeb_blockcache_take(&cache, 64), second);
+    EXPECT_EQ(ezeb_blockcache_take(&cache, 64), first);
+    EXPECT_EQ(cache.idle, 0);
+    ezeb_free(first);
+    ezeb_free(second);
+}
+
+TEST(Util, ABlockCacheKeepsSoManyBlocksAndReleasesThemWhenCleared)
+{
+    ezeb_blockcache cache = {};
+    const int64_t before = ezeb_allocseam_blocks;
+    std::vector<void *> blocks(EZEB_BLOCKCACHE_MOST + 3);
+    for (void *&block : blocks)
+        block = ezeb_blockcache_take(&cache, 64);
+    EXPECT_EQ(ezeb_allocseam_blocks - before, EZEB_BLOCKCACHE_MOST + 3);
+    for (void *block : blocks)
+        ezeb_blockcache_give(&cache, block);
+    EXPECT_EQ(cache.idle, MOST_IDLE);
+    EXPECT_EQ(ezeb_allocseam_blocks, before) << "what is kept is nobody's";
+    ezeb_blockcache_clear(&cache);
+    EXPECT_EQ(cache.idle, 0);
+    EXPECT_EQ(cache.first, nullptr);
+}
+
+TEST(Util, ABlockCacheThatIsInUseIsPassedBy)
+{
+    ezeb_blockcache cache = {};
+    ezeb_blockcache_give(&cache, ezeb_blockcache_take(&cache, 64));
+    void *const kept = cache.first;
+    cache.busy = 1; /* as a thread leaves it that vanished in a fork */
+    void *block = ezeb_blockcache_take(&cache, 64);
+    ASSERT_NE(block, nullptr);
+    memset(block, 'x', 64);
+    EXPECT_NE(block, kept);
+    ezeb_blockcache_give(&cache, block);
+    ezeb_blockcache_clear(&cache);
+    EXPECT_EQ(cache.first, kept);
+    cache.busy = 0;
+    ezeb_blockcache_clear(&cache);
+    EXPECT_EQ(cache.first, nullptr);
+}
+
+TEST(Util, ABlockCacheRefusesAsTheAllocatorDoes)
+{
+    ezeb_blockcache cache = {};
+    ezeb_blockcache_give(&cache, ezeb_blockcache_take(&cache, 64));
+    unit::refusal refuse(1, true);
+    refuse.begin();
+    EXPECT_EQ(ezeb_blockcache_take(&cache, 64), nullptr);
+    refuse.end();
+    ezeb_blockcache_clear(&cache);
+}
+
+/* Each thread writes all of its block and finds it unchanged: nobody else has it meanwhile. */
+TEST(Util, ABlockCacheServesManyThreads)
+{
+    ezeb_blockcache cache = {};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    for (int id = 0; id < 4; id++)
+        threads.emplace_back([&cache, &bad, id] {
+            const std::string mine(64, static_cast<char>('a' + id));
+            for (int i = 0; i < 20000; i++) {
+                void *block = ezeb_blockcache_take(&cache, mine.size());
+                memcpy(block, mine.data(), mine.size());
+                bad += memcmp(block, mine.data(), mine.size()) != 0;
+                ezeb_blockcache_give(&cache, block);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(bad, 0);
+    EXPECT_LE(cache.idle, EZEB_BLOCKCACHE_MOST + 3) << "three may have found the last place free";
+    ezeb_blockcache_clear(&cache);
 }
 
 /* ---- Arena ---- */
