@@ -44,13 +44,15 @@ static void link_first_locked(ezeb_queue *queue, ezeb_queue_cell *cell) EZEB_REQ
     queue->head = cell;
 }
 
-/* Links a chain of cells. How many removers are to be woken for it; -1 when the queue refuses it. Whoever has
- * been woken and does not run yet is not woken again: that would end his next limited wait. */
-static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first)
+/* Links a chain of cells; 0 when the queue refuses it. *WOKEN gets those removers, as many as there are
+ * elements for, whom the caller wakes without the lock: under it they would often run at once, only to wait
+ * for it. */
+static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first, ezeb_waiter **woken)
 {
+    *woken = nullptr;
     const ezeb_locked hold(&queue->lock);
     if (refuses(queue))
-        return -1;
+        return 0;
     int32_t count = 0;
     for (ezeb_queue_cell *next = nullptr; cells != nullptr; cells = next) {
         next = cells->next;
@@ -62,24 +64,17 @@ static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first)
         count++;
     }
     ezeb_flag_set(&queue->length, queue->length + count);
-    const int32_t woken = count < queue->unsignalled ? count : queue->unsignalled;
-    queue->unsignalled -= woken;
-    return woken;
-}
-
-/* Without the lock: a remover that is woken under it often runs at once, only to wait for it. */
-void ezeb_queue_wake(ezeb_queue *queue, int32_t removers)
-{
-    for (; removers > 0; removers--)
-        ezeb_cond_signal(&queue->notEmpty);
+    *woken = ezeb_cond_take(&queue->notEmpty, count);
+    return 1;
 }
 
 static int32_t insert_and_wake(ezeb_queue *queue, ezeb_queue_cell *cell, bool first)
 {
     cell->next = nullptr;
-    const int32_t removers = insert(queue, cell, first);
-    ezeb_queue_wake(queue, removers);
-    return removers >= 0;
+    ezeb_waiter *woken;
+    const int32_t inserted = insert(queue, cell, first, &woken);
+    ezeb_wake(woken);
+    return inserted;
 }
 
 static int32_t add(ezeb_queue *queue, void *element, bool first)
@@ -129,9 +124,9 @@ int32_t ezeb_queue_putback(ezeb_queue *queue, ezeb_queue_cell *cell)
     return insert_and_wake(queue, cell, true);
 }
 
-int32_t ezeb_queue_append(ezeb_queue *queue, ezeb_queue_cell *cells)
+int32_t ezeb_queue_append(ezeb_queue *queue, ezeb_queue_cell *cells, ezeb_waiter **woken)
 {
-    return insert(queue, cells, false);
+    return insert(queue, cells, false, woken);
 }
 
 void ezeb_queue_cell_free(ezeb_queue_cell *cell)
@@ -140,27 +135,17 @@ void ezeb_queue_cell_free(ezeb_queue_cell *cell)
         ezeb_free(cell);
 }
 
-static void expect_signal_locked(ezeb_queue *queue) EZEB_REQUIRES(queue->lock)
-{
-    if (queue->unsignalled < queue->removers)
-        queue->unsignalled++;
-}
-
 static void wait_for_element_locked(ezeb_queue *queue, int64_t timeout) EZEB_REQUIRES(queue->lock)
 {
     queue->removers++;
     if (timeout <= 0) {
-        do {
-            expect_signal_locked(queue);
+        do
             ezeb_cond_wait(&queue->notEmpty, &queue->lock);
-        } while (queue->head == nullptr && !refuses(queue));
+        while (queue->head == nullptr && !refuses(queue));
     } else {
         const timespec deadline = ezeb_deadline(timeout);
-        expect_signal_locked(queue);
-        const bool signalled = ezeb_cond_waituntil(&queue->notEmpty, &queue->lock,
-                                                   &deadline); /* once: a spurious wake-up ends the wait */
-        if (!signalled && queue->unsignalled > 0)
-            queue->unsignalled--;
+        ezeb_cond_waituntil(&queue->notEmpty, &queue->lock,
+                            &deadline); /* once: whoever was quicker took it */
     }
     queue->removers--;
 }

@@ -93,8 +93,7 @@ ezeb_connection *ezeb_recvthread_getsocket(ezeb_runtime *rt, int64_t timeout, ui
                 ezeb_cond_wait(&recv->cond, &recv->mutex);
         } else {
             const timespec deadline = ezeb_deadline(timeout);
-            ezeb_cond_waituntil(&recv->cond, &recv->mutex,
-                                &deadline); /* once: a spurious wake-up ends the wait */
+            ezeb_cond_waituntil(&recv->cond, &recv->mutex, &deadline); /* once: any change ends the wait */
         }
         recv->waiters--;
     }

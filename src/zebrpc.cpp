@@ -412,14 +412,20 @@ static zeb_rpcinvocation *find_invocation_locked(zeb_rpcclient *client, const ch
 
 /* ---- Delivering responses; the client lock is held, also while the call-back runs ---- */
 
-static void deliver(zeb_rpcinvocation *invocation, zeb_rpcresponse *response)
+/* Whom the caller has to wake, without the lock if he can: who gets the last response will want it. */
+static ezeb_waiter *deliver(zeb_rpcinvocation *invocation, zeb_rpcresponse *response)
 {
+    ezeb_waiter *woken = nullptr;
     if (response == nullptr)
-        return;
-    if (invocation->callback != nullptr)
+        return nullptr;
+    if (invocation->callback != nullptr) {
         invocation->callback(response, invocation->context);
-    else if (!ezeb_queue_enqueue(invocation->responses, response))
+        return nullptr;
+    }
+    response->cell = {response, nullptr, true};
+    if (!ezeb_queue_append(invocation->responses, &response->cell, &woken))
         ezeb_rpcresponse_destroy(&response);
+    return woken;
 }
 
 /* A final response that the client makes itself: ADDRESS is not, or no longer, a server of its name. */
@@ -431,7 +437,7 @@ static void deliver_not_live(zeb_rpcinvocation *invocation, const zeb_logicaladd
     response->final = 1;
     response->failed = 1;
     response->code = CODE_NOT_LIVE;
-    deliver(invocation, response);
+    ezeb_wake(deliver(invocation, response));
 }
 
 /* ---- The table of servers ---- */
@@ -913,7 +919,8 @@ static zeb_rpcresponse *read_response(const zeb_notification *n)
 }
 
 /* False when no active invocation has the call id. Takes RESPONSE. */
-static bool deliver_response(zeb_rpcclient *client, const char *callid, zeb_rpcresponse *response)
+static bool deliver_response(zeb_rpcclient *client, const char *callid, zeb_rpcresponse *response,
+                             ezeb_waiter **woken)
 {
     const ezeb_locked hold(&client->lock);
     zeb_rpcinvocation *invocation = find_invocation_locked(client, callid);
@@ -923,7 +930,7 @@ static bool deliver_response(zeb_rpcclient *client, const char *callid, zeb_rpcr
     }
     if (response != nullptr && response->final != 0)
         ezeb_laddrlist_del(invocation->pending, response->responder);
-    deliver(invocation, response);
+    *woken = deliver(invocation, response);
     unlist_if_complete_locked(client, invocation);
     return true;
 }
@@ -931,10 +938,12 @@ static bool deliver_response(zeb_rpcclient *client, const char *callid, zeb_rpcr
 static void response_came(zeb_rpcclient *client, const zeb_notification *n)
 {
     const char *callid = ezeb_notification_getProperty(n, PROP_CALLID);
+    ezeb_waiter *woken = nullptr;
     if (callid == nullptr)
         ezeb_diag("RPC response missing property: %s\n", PROP_CALLID);
-    else if (!deliver_response(client, callid, read_response(n)))
+    else if (!deliver_response(client, callid, read_response(n), &woken))
         ezeb_diag("RPC response invocation not found: %s\n", callid);
+    ezeb_wake(woken);
 }
 
 static int32_t dispatch_to_client(zeb_notification *n, void *context)

@@ -228,8 +228,7 @@ static bool await_answer(zeb_subscriber *sub, int64_t timeout, char **text)
     const ezeb_locked hold(&sub->lock);
     if (timeout > 0 && sub->registration == EZEB_PENDING) {
         const timespec deadline = ezeb_deadline(timeout);
-        ezeb_cond_waituntil(&sub->changed, &sub->lock,
-                            &deadline); /* once: a spurious wake-up ends the wait */
+        ezeb_cond_waituntil(&sub->changed, &sub->lock, &deadline); /* once: any change ends the wait */
     }
     while (timeout <= 0 && sub->registration == EZEB_PENDING && ezeb_flag_get(&sub->closing) == 0)
         ezeb_cond_wait(&sub->changed, &sub->lock);
@@ -420,16 +419,17 @@ static void signal_list(zeb_subscriber *sub);
  * and the subscriber are free then. */
 static void queue_arrivals(zeb_subscriber *sub, ezeb_queue_cell *cells)
 {
-    int32_t removers = 0;
+    ezeb_waiter *woken = nullptr;
+    int32_t taken = 1;
     {
         const ezeb_locked hold(&sub->lock);
         if (cells != nullptr)
-            removers = ezeb_queue_append(sub->queue, cells);
+            taken = ezeb_queue_append(sub->queue, cells, &woken);
         signal_list_locked(sub);
     }
-    if (removers < 0)
+    if (!taken)
         ezeb_notification_destroyall(cells);
-    ezeb_queue_wake(sub->queue, removers);
+    ezeb_wake(woken);
 }
 
 /* What others notice though nobody has received it: by then what came before has to be there. */

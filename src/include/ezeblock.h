@@ -1,4 +1,4 @@
-/* Locks, conditions and flags: thin wrappers over pthreads that clang's thread-safety analysis understands.
+/* Locks and flags, thin wrappers that clang's thread-safety analysis understands, and conditions.
  *
  * Lock order, outermost first. A lock may be taken while those above it are held, never the other way round:
  *
@@ -15,9 +15,8 @@
  * that blocks (read, write, connect, close, getaddrinfo, join, sleep, printing) happens under 3 to 6. A fork
  * takes 2, 3, the send queue's lock and ezebctxmutex, in that order.
  *
- * Mutexes stand inside heap records, so a forked child releases them with their record, without destroying
- * them: their state there is unknown, and destroying a condition that a vanished thread waits on never
- * returns. */
+ * Mutexes and conditions stand inside heap records, so a forked child releases them with their record,
+ * without destroying them: their state there is unknown, and those who wait do not exist there. */
 #ifndef EZEBLOCK_H
 #define EZEBLOCK_H
 
@@ -57,8 +56,19 @@ struct EZEB_CAPABILITY("mutex") ezeb_mutex {
     pthread_mutex_t m;
 };
 
+/* Somebody who waits; stands on the stack of the waiting thread, which stays until it is woken or has taken
+ * itself out. */
+struct ezeb_waiter {
+    ezeb_waiter *next;
+    int32_t woken; /* the last thing that is touched by who wakes */
+};
+
+/* A condition: those who wait for it, in the order in which they came. Used only under the mutex that they
+ * wait with. Unlike the system's it knows whom it has woken already, so nobody is woken twice or in vain,
+ * wakes without the mutex, and leaves that mutex without a call of the kernel. */
 struct ezeb_cond {
-    pthread_cond_t c;
+    ezeb_waiter *first;
+    ezeb_waiter *last;
 };
 
 #define EZEB_MUTEX_INITIALIZER                                                                               \
@@ -67,7 +77,7 @@ struct ezeb_cond {
     }
 #define EZEB_COND_INITIALIZER                                                                                \
     {                                                                                                        \
-        PTHREAD_COND_INITIALIZER                                                                             \
+        nullptr, nullptr                                                                                     \
     }
 
 inline void ezeb_mutex_init(ezeb_mutex *mutex)
@@ -119,50 +129,28 @@ class EZEB_SCOPED ezeb_locked
 
 inline void ezeb_cond_init(ezeb_cond *cond)
 {
-    ezeb_pthread_ok(pthread_cond_init(&cond->c, nullptr));
+    *cond = EZEB_COND_INITIALIZER;
 }
 
 inline void ezeb_cond_destroy(ezeb_cond *cond)
 {
-    ezeb_pthread_ok(pthread_cond_destroy(&cond->c));
+    ezeb_pthread_ok(cond->first != nullptr);
 }
 
-inline void ezeb_cond_signal(ezeb_cond *cond)
-{
-    ezeb_yield();
-    ezeb_pthread_ok(pthread_cond_signal(&cond->c));
-}
+/* Takes COUNT at most of those who wait out of COND, as a chain to be woken by the second: best when the
+ * mutex has been left, for who is woken wants it. */
+ezeb_waiter *ezeb_cond_take(ezeb_cond *cond, int32_t count);
+void ezeb_wake(ezeb_waiter *waiters); /* null: nobody */
 
-inline void ezeb_cond_broadcast(ezeb_cond *cond)
-{
-    ezeb_yield();
-    ezeb_pthread_ok(pthread_cond_broadcast(&cond->c));
-}
+void ezeb_cond_broadcast(ezeb_cond *cond);
 
-inline void ezeb_cond_wait(ezeb_cond *cond, ezeb_mutex *mutex) EZEB_REQUIRES(mutex)
-{
-    ezeb_yield();
-    ezeb_pthread_ok(pthread_cond_wait(&cond->c, &mutex->m));
-    ezeb_yield();
-}
+void ezeb_cond_wait(ezeb_cond *cond, ezeb_mutex *mutex) EZEB_REQUIRES(mutex);
 
-/* One wait: false when DEADLINE (wall clock) has passed. May return true without a signal. */
-inline bool ezeb_cond_waituntil(ezeb_cond *cond, ezeb_mutex *mutex, const timespec *deadline)
-    EZEB_REQUIRES(mutex)
-{
-    ezeb_yield();
-    return pthread_cond_timedwait(&cond->c, &mutex->m, deadline) == 0;
-}
+/* The same until DEADLINE (wall clock), then false. */
+bool ezeb_cond_waituntil(ezeb_cond *cond, ezeb_mutex *mutex, const timespec *deadline) EZEB_REQUIRES(mutex);
 
-/* One wait of SECONDS at most on a clock that nobody sets; false when they have passed. */
-inline bool ezeb_cond_waitseconds(ezeb_cond *cond, ezeb_mutex *mutex, time_t seconds) EZEB_REQUIRES(mutex)
-{
-    timespec deadline;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += seconds;
-    ezeb_yield();
-    return pthread_cond_clockwait(&cond->c, &mutex->m, CLOCK_MONOTONIC, &deadline) == 0;
-}
+/* The same for SECONDS at most on a clock that nobody sets. */
+bool ezeb_cond_waitseconds(ezeb_cond *cond, ezeb_mutex *mutex, time_t seconds) EZEB_REQUIRES(mutex);
 
 /* The end of a timed wait of TIMEOUT milliseconds, counted from the start of the current second, with the
  * remaining milliseconds times 1000 as nanoseconds: a wait below one second ends at once, and T ms end T/1000

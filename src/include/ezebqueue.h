@@ -20,8 +20,7 @@ struct ezeb_queue {
     ezeb_cond notEmpty; /* an element came, or none will */
     ezeb_cond emptied;  /* the queue, or its crowd of removers, has become empty */
     uint32_t emptiedWaiters EZEB_GUARDED_BY(lock);
-    int32_t removers EZEB_GUARDED_BY(lock);    /* threads waiting on notEmpty */
-    int32_t unsignalled EZEB_GUARDED_BY(lock); /* those of them that nobody is about to wake, at most */
+    int32_t removers EZEB_GUARDED_BY(lock); /* threads in a wait on notEmpty, woken or not */
     ezeb_queue_cell *head EZEB_GUARDED_BY(lock);
     ezeb_queue_cell *
         tail EZEB_GUARDED_BY(lock); /* null while the queue holds exactly one element, and when empty */
@@ -44,11 +43,10 @@ int32_t ezeb_queue_push(ezeb_queue *queue, void *element);
 int32_t ezeb_queue_enqueue_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element);
 int32_t ezeb_queue_push_cell(ezeb_queue *queue, ezeb_queue_cell *cell, void *element);
 
-/* Appends a chain of such cells, linked by next and complete but for that, and wakes nobody: the caller does
- * so, when it holds what those who are woken will want no more, with the number that the first returned. -1
- * when draining or shutting down: the chain stays the caller's. */
-int32_t ezeb_queue_append(ezeb_queue *queue, ezeb_queue_cell *cells);
-void ezeb_queue_wake(ezeb_queue *queue, int32_t removers);
+/* Appends a chain of such cells, linked by next and complete but for that, and wakes nobody: the caller wakes
+ * those in *WOKEN, in any case and when it no longer holds what they will want. The queue may be gone by
+ * then. */
+int32_t ezeb_queue_append(ezeb_queue *queue, ezeb_queue_cell *cells, ezeb_waiter **woken);
 
 /* Takes the first element, or null. With WAIT, waits TIMEOUT ms for one (0 or less: without limit, until one
  * comes or the queue drains or shuts down). A limited wait is one single wait, which may end early. */

@@ -85,6 +85,7 @@ struct zeb_rpcresponse {
     int32_t final;
     int32_t failed;
     int32_t code;
+    ezeb_queue_cell cell; /* while it waits to be taken */
 };
 
 int32_t ezeb_rpcrequest_sendprogress(zeb_rpcrequest *request, const void *data, int32_t length);

@@ -60,22 +60,6 @@ def broadcast(s, condition):
     s[condition] = frozenset()
 
 
-def signal_one(condition):
-    """A choice of whom to wake, for use as an instruction; nobody when nobody waits."""
-
-    def wake(number):
-        def step(s):
-            waiting = sorted(s[condition])
-            if number >= max(1, len(waiting)):
-                return BLOCKED
-            if waiting:
-                s[condition] = s[condition] - {waiting[number]}
-
-        return step
-
-    return [wake(0), wake(1), wake(2)]
-
-
 def goto(label):
     return lambda s: label
 

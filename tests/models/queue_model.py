@@ -3,7 +3,7 @@
 Whoever waits is woken, everything that was taken in comes out or is released once, and the record is not used after its
 owner has released it."""
 
-from explore import BLOCKED, all_of, broadcast, explore, fail, goto, lock, signal_one, unless, unlock, wait
+from explore import BLOCKED, all_of, explore, fail, goto, lock, unless, unlock
 
 SAFEGUARDS = {
     "signal on put": "a taker that waits is told of an element",
@@ -17,15 +17,38 @@ SAFEGUARDS = {
 }
 
 
+def wait(condition, me):
+    """Leaving the lock, asleep in the condition, and coming back with it once woken. Who wakes does so in two steps: it takes
+    those who are to be woken out of the condition, first those who came first, and tells them when it has left the lock."""
+
+    def sleep(s):
+        s[condition] = (*s[condition], me)
+        s["asleep"] = s["asleep"] | {me}
+        s["lock"] = False
+
+    def wake(s):
+        if me in s["asleep"] or s["lock"]:
+            return BLOCKED
+        s["lock"] = True
+
+    return [sleep, wake]
+
+
+def wake(s, waiters):
+    s["asleep"] = s["asleep"] - set(waiters)
+
+
+def broadcast(s, condition):
+    wake(s, s[condition])
+    s[condition] = ()
+
+
 def taker(me, off):
     def wants_to_wait(s):
         return not s["shut"] and not s["items"] and not s["draining"]
 
     def enter(s):
         s["removers"] += 1
-
-    def expect_signal(s):
-        s["unsignalled"] = min(s["unsignalled"] + 1, s["removers"])
 
     def stays(s):
         if "wait looks again" in off:
@@ -56,8 +79,7 @@ def taker(me, off):
         enter,
         mark,
         "again",
-        expect_signal,
-        *wait("notempty", "lock", me),
+        *wait("notempty", me),
         lambda s: None if stays(s) is None else "leave",
         lambda s: "again",
         "leave",
@@ -78,27 +100,20 @@ def putter(off, *together):
                 return "out"
             s["items"] += count
             s["put"] += count
-            s["wake"] = min(count, s["unsignalled"])
-            s["unsignalled"] -= s["wake"]
+            taken = 1 if "wake as many as came" in off else count
+            s["taken out"], s["notempty"] = s["notempty"][:taken], s["notempty"][taken:]
             return None
 
         return step
 
-    def tell(number):
-        one = signal_one("notempty")[number]
+    def tell(s):
+        if "signal on put" not in off:
+            wake(s, s["taken out"])
+        s["taken out"] = ()
 
-        def step(s):
-            if s["wake"] == 0 or "signal on put" in off:
-                return BLOCKED if number else None
-            s["wake"] = 0 if "wake as many as came" in off else s["wake"] - 1
-            return one(s)
-
-        return step
-
-    tell_one = [tell(0), tell(1), tell(2)]
     code = []
     for count in together:
-        code += [lock("lock"), put(count), unlock("lock"), *[tell_one] * count]
+        code += [lock("lock"), put(count), unlock("lock"), tell]
     return [*code, goto("end"), "out", unlock("lock"), "end"]
 
 
@@ -113,7 +128,7 @@ def drainer(off):
     def done(s):
         return None if s["items"] > 0 and (not s["shut"] or "drain sees shutdown" in off) else "out"
 
-    return [lock("lock"), begin, "again", done, *wait("emptied", "lock", "drainer"), lambda s: "again", "out", unlock("lock")]
+    return [lock("lock"), begin, "again", done, *wait("emptied", "drainer"), lambda s: "again", "out", unlock("lock")]
 
 
 def closer(off):
@@ -136,7 +151,7 @@ def closer(off):
         begin,
         "again",
         done,
-        *wait("emptied", "lock", "closer"),
+        *wait("emptied", "closer"),
         lambda s: "again",
         "empty",
         empty,
@@ -147,15 +162,15 @@ def closer(off):
 def explored(off=()):
     variables = {
         "lock": False,
-        "notempty": frozenset(),
-        "emptied": frozenset(),
+        "notempty": (),
+        "emptied": (),
+        "asleep": frozenset(),
+        "taken out": (),
         "items": 0,
         "put": 0,
-        "wake": 0,
         "taken": 0,
         "released": 0,
         "removers": 0,
-        "unsignalled": 0,
         "draining": False,
         "shut": False,
         "waiteda": False,

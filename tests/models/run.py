@@ -7,7 +7,7 @@ away, which must show one.
 import importlib
 import sys
 
-MODELS = ["queue", "registration", "connection", "fork", "references", "stream", "resubscription", "hand"]
+MODELS = ["condition", "queue", "registration", "connection", "fork", "references", "stream", "resubscription", "hand"]
 
 
 def show(name, what, result, want_bad, with_trace):

@@ -13,13 +13,30 @@ SEND = "zebsendthread.cpp"
 RECEIVE = "zebrecvthread.cpp"
 SUBSCRIBER = "zebsubscriber.cpp"
 RPC = "zebrpc.cpp"
+LOCK = "zeblock.cpp"
 
 MUTANTS = [
     Mutant(
+        "who waited in vain stays among those who wait",
+        LOCK,
+        "    (before != nullptr ? before->next : cond->first) = found->next;\n    if (cond->last == found)\n        cond->last = before;\n",
+        "",
+        "lock_test",
+        "^unit.Condition",
+    ),
+    Mutant(
+        "who is about to be woken leaves when the time is up",
+        LOCK,
+        "    if (!woken && !leave(cond, &self)) {",
+        "    if (!woken && !leave(cond, &self) && cond->first == &self) {",
+        "lock_test",
+        "^unit.Condition",
+    ),
+    Mutant(
         "an element that comes wakes nobody",
         QUEUE,
-        "    for (; removers > 0; removers--)\n",
-        "    for (; removers > 1; removers--)\n",
+        "ezeb_cond_take(&queue->notEmpty, count)",
+        "ezeb_cond_take(&queue->notEmpty, count - 1)",
         "queue_test",
         "^unit.Queue",
     ),
@@ -50,8 +67,8 @@ MUTANTS = [
     Mutant(
         "elements are put in without the lock",
         QUEUE,
-        "    const ezeb_locked hold(&queue->lock);\n    if (refuses(queue))\n        return -1;\n",
-        "    if (refuses(queue))\n        return -1;\n",
+        "    const ezeb_locked hold(&queue->lock);\n    if (refuses(queue))\n        return 0;\n",
+        "    if (refuses(queue))\n        return 0;\n",
         "queue_test",
         "^unit.Queue",
     ),

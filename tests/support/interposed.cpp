@@ -3,12 +3,16 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdarg>
 #include <dlfcn.h>
+#include <linux/futex.h>
 #include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -61,7 +65,7 @@ uint16_t boundPort = 0;
 
 /* A wait on the wall clock. */
 struct clock_wait {
-    pthread_cond_t *cond;
+    uint32_t *word;
     time_t deadline;
     int64_t offset; /* of the clock, as far as this wait knows */
 };
@@ -128,23 +132,50 @@ extern "C" time_t time(time_t *result) noexcept
     return now.tv_sec;
 }
 
-/* One wait for its caller: only a step of the clock, which wakes it as well, makes it begin anew. */
-extern "C" int pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const timespec *deadline)
+namespace
 {
-    static auto *const wait = real<decltype(pthread_cond_timedwait)>("pthread_cond_timedwait");
-    clock_wait self{cond, deadline->tv_sec, 0};
+
+using syscall_function = decltype(syscall);
+
+/* The library waits by futex. One wait for its caller: only a step of the clock, which wakes it as well,
+ * makes it begin anew. */
+long wait_on_the_clock(syscall_function *call, uint32_t *word, long operation, long value,
+                       const timespec *deadline)
+{
+    clock_wait self{word, deadline->tv_sec, 0};
     std::unique_lock hold(lock);
     clockWaits.push_back(&self);
-    int result = 0;
+    long result = 0;
+    int why = 0;
     do {
         self.offset = clockOffset;
         const timespec end = unset(*deadline, self.offset);
         hold.unlock();
-        result = wait(cond, mutex, &end);
+        result = call(SYS_futex, word, operation, value, &end, nullptr, FUTEX_BITSET_MATCH_ANY);
+        why = errno;
         hold.lock();
     } while (result == 0 && self.offset != clockOffset);
     clockWaits.erase(std::find(clockWaits.begin(), clockWaits.end(), &self));
+    errno = why;
     return result;
+}
+
+} // namespace
+
+extern "C" long syscall(long number, ...) noexcept
+{
+    static auto *const call = real<syscall_function>("syscall");
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long &argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    constexpr long clockWait = FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME;
+    if (number == SYS_futex && arguments[1] == clockWait && arguments[3] != 0)
+        return wait_on_the_clock(call, reinterpret_cast<uint32_t *>(arguments[0]), clockWait, arguments[2],
+                                 reinterpret_cast<const timespec *>(arguments[3]));
+    return call(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 
 extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
@@ -296,7 +327,7 @@ void step_clock(int64_t seconds)
                     for (const clock_wait *waiting : clockWaits) {
                         if (waiting->offset == clockOffset)
                             continue;
-                        pthread_cond_broadcast(waiting->cond);
+                        syscall(SYS_futex, waiting->word, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
                         known = false;
                     }
                     return known;

@@ -27,7 +27,7 @@ void shorten_sleeps(milliseconds perSecond);
 std::vector<unsigned> sleeps(); /* all so far, in order */
 void forget_sleeps();
 
-/* ---- time and pthread_cond_timedwait ---- */
+/* ---- time and syscall ---- */
 
 /* Sets the wall clock that the process sees: back with less than 0. Returns when every wait on it knows. */
 void step_clock(int64_t seconds);

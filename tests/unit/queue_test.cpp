@@ -28,6 +28,14 @@ uintptr_t numberOf(void *found)
     return reinterpret_cast<uintptr_t>(found);
 }
 
+int countOf(const ezeb_waiter *waiters)
+{
+    int count = 0;
+    for (; waiters != nullptr; waiters = waiters->next)
+        count++;
+    return count;
+}
+
 struct Queue : testing::Test {
     ezeb_queue *queue = ezeb_queue_create();
 
@@ -145,7 +153,9 @@ TEST_F(Queue, AChainIsAppendedInItsOrder)
         ezeb_queue_cell third = {element(13), nullptr, true};
         ezeb_queue_cell second = {element(12), &third, true};
         ezeb_queue_cell first = {element(11), &second, true};
-        EXPECT_EQ(ezeb_queue_append(queue, &first), 0) << "there is nobody to wake";
+        ezeb_waiter *woken;
+        EXPECT_EQ(ezeb_queue_append(queue, &first, &woken), 1);
+        EXPECT_EQ(woken, nullptr) << "there is nobody to wake";
         expected.insert(expected.end(), {11, 12, 13});
         EXPECT_EQ(contents(), expected);
         while (take() != 0) {
@@ -157,18 +167,20 @@ TEST_F(Queue, AChainThatIsRefusedStaysAsItIs)
 {
     ezeb_queue_cell second = {element(2), nullptr, true};
     ezeb_queue_cell first = {element(1), &second, true};
+    ezeb_waiter *woken;
     ezeb_queue_drain(queue);
-    EXPECT_EQ(ezeb_queue_append(queue, &first), -1);
+    EXPECT_EQ(ezeb_queue_append(queue, &first, &woken), 0);
+    EXPECT_EQ(woken, nullptr);
     EXPECT_EQ(first.next, &second);
     ezeb_queue_start_shutdown(queue);
-    EXPECT_EQ(ezeb_queue_append(queue, &first), -1);
+    EXPECT_EQ(ezeb_queue_append(queue, &first, &woken), 0);
+    EXPECT_EQ(woken, nullptr);
     EXPECT_EQ(first.next, &second);
     EXPECT_EQ(contents(), numbers{});
-    ezeb_queue_wake(queue, -1);
 }
 
 /* As many are woken as there is something for. */
-TEST_F(Queue, AppendingAChainTellsHowManyAreToBeWoken)
+TEST_F(Queue, AppendingAChainTellsWhoIsToBeWoken)
 {
     std::vector<std::thread> removers;
     std::atomic<uintptr_t> sum{0};
@@ -178,15 +190,16 @@ TEST_F(Queue, AppendingAChainTellsHowManyAreToBeWoken)
     awaitRemovers(3);
     ezeb_queue_cell second = {element(2), nullptr, true};
     ezeb_queue_cell first = {element(1), &second, true};
-    const int32_t two = ezeb_queue_append(queue, &first);
-    EXPECT_EQ(two, 2);
-    ezeb_queue_wake(queue, two);
+    ezeb_waiter *woken;
+    EXPECT_EQ(ezeb_queue_append(queue, &first, &woken), 1);
+    EXPECT_EQ(countOf(woken), 2);
+    ezeb_wake(woken);
     awaitRemovers(1);
     ezeb_queue_cell fourth = {element(4), nullptr, true};
     ezeb_queue_cell third = {element(3), &fourth, true};
-    const int32_t one = ezeb_queue_append(queue, &third);
-    EXPECT_EQ(one, 1);
-    ezeb_queue_wake(queue, one);
+    EXPECT_EQ(ezeb_queue_append(queue, &third, &woken), 1);
+    EXPECT_EQ(countOf(woken), 1);
+    ezeb_wake(woken);
     for (std::thread &remover : removers)
         remover.join();
     EXPECT_EQ(sum, 6U);
@@ -201,10 +214,13 @@ TEST_F(Queue, WhoIsAboutToBeWokenIsNotWokenAgain)
     awaitRemovers(1);
     ezeb_queue_cell first = {element(1), nullptr, true};
     ezeb_queue_cell second = {element(2), nullptr, true};
-    const int32_t one = ezeb_queue_append(queue, &first);
-    EXPECT_EQ(one, 1);
-    EXPECT_EQ(ezeb_queue_append(queue, &second), 0);
-    ezeb_queue_wake(queue, one);
+    ezeb_waiter *woken;
+    ezeb_waiter *again;
+    EXPECT_EQ(ezeb_queue_append(queue, &first, &woken), 1);
+    EXPECT_EQ(countOf(woken), 1);
+    EXPECT_EQ(ezeb_queue_append(queue, &second, &again), 1);
+    EXPECT_EQ(again, nullptr);
+    ezeb_wake(woken);
     remover.join();
     EXPECT_EQ(contents(), numbers{2});
     take();
@@ -215,7 +231,9 @@ TEST_F(Queue, WhoHasWaitedInVainIsNotCounted)
 {
     EXPECT_EQ(ezeb_queue_dequeue(queue, 1, 1000), nullptr);
     ezeb_queue_cell cell = {element(1), nullptr, true};
-    EXPECT_EQ(ezeb_queue_append(queue, &cell), 0);
+    ezeb_waiter *woken;
+    EXPECT_EQ(ezeb_queue_append(queue, &cell, &woken), 1);
+    EXPECT_EQ(woken, nullptr);
     take();
 }
 
@@ -595,13 +613,13 @@ TEST_F(Queue, ALimitedWaitIsOneSingleWait)
     awaitRemovers(1);
     {
         const ezeb_locked hold(&queue->lock);
-        ezeb_cond_broadcast(&queue->notEmpty); /* as a spurious wake-up would */
+        ezeb_cond_broadcast(&queue->notEmpty); /* as one for an element that somebody else takes */
     }
     remover.join();
     EXPECT_EQ(found, nullptr);
 }
 
-TEST_F(Queue, AnUnlimitedWaitGoesOnAfterASpuriousWakeUp)
+TEST_F(Queue, AnUnlimitedWaitGoesOnWhenItIsWokenInVain)
 {
     for (const int64_t timeout : {int64_t{0}, int64_t{-1}, INT64_MIN}) {
         void *found = nullptr;
