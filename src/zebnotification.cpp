@@ -310,6 +310,8 @@ static bool push_property(zeb_notification *n, const char *name, size_t nameleng
         return false;
     node->name = ezeb_arena_strndup(&n->strings, name, namelength);
     node->value = ezeb_arena_strndup(&n->strings, value, valuelength);
+    node->namelength = namelength;
+    node->valuelength = valuelength;
     if (node->name == nullptr || node->value == nullptr)
         return false;
     node->next = n->properties;
@@ -322,11 +324,19 @@ int32_t ezeb_notification_setProperty(zeb_notification *n, const char *name, con
 {
     if (n == nullptr || name == nullptr || value == nullptr)
         return -2;
-    const bool badname = strpbrk(name, ":\r\n") != nullptr;
-    const bool badvalue = strpbrk(value, "\r\n") != nullptr;
-    const char *storedname = badname ? illegal_name : name;
-    const char *storedvalue = badvalue ? illegal_value : value;
-    if (!push_property(n, storedname, strlen(storedname), storedvalue, strlen(storedvalue)))
+    size_t namelength = strcspn(name, ":\r\n");
+    size_t valuelength = strcspn(value, "\r\n");
+    const bool badname = name[namelength] != '\0';
+    const bool badvalue = value[valuelength] != '\0';
+    if (badname) {
+        name = illegal_name;
+        namelength = sizeof(illegal_name) - 1;
+    }
+    if (badvalue) {
+        value = illegal_value;
+        valuelength = sizeof(illegal_value) - 1;
+    }
+    if (!push_property(n, name, namelength, value, valuelength))
         return -2;
     return badname || badvalue ? -1 : 0;
 }
@@ -373,13 +383,12 @@ int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component
 {
     n->generatingNode = keep(n, node);
     n->generatingProcess = keep(n, process);
-    n->id = keep(n, id);
+    n->id = id;
     n->creationTime = -1;
     n->subscriberId = subscriberId;
-    if (n->id != nullptr)
-        n->generatingComponent = keep(n, component); /* last: it is what tells a stamped notification */
+    n->generatingComponent = keep(n, component); /* last: it is what tells a stamped notification */
     return n->generatingComponent != nullptr && n->generatingNode != nullptr &&
-           n->generatingProcess != nullptr && n->id != nullptr;
+           n->generatingProcess != nullptr;
 }
 
 int32_t ezeb_notification_set_streampublisher(zeb_notification *n, zeb_publisher *publisher)
@@ -428,7 +437,8 @@ static int32_t write_properties(const zeb_notification *n, ezeb_sb *sb)
                      ? write_number(sb, "\r\nLocalOnly: true\r\nnumberOfProperties: ", count_properties(n))
                      : write_number(sb, "\r\nLocalOnly: false\r\nnumberOfProperties: ", count_properties(n));
     for (const ezeb_propnode *node = n->properties; ok && node != nullptr; node = node->next)
-        ok = write_field(sb, "\r\n", node->name) && write_field(sb, ": ", node->value);
+        ok = ezeb_sb_write(sb, "\r\n", 2) && ezeb_sb_write(sb, node->name, node->namelength) &&
+             ezeb_sb_write(sb, ": ", 2) && ezeb_sb_write(sb, node->value, node->valuelength);
     return ok;
 }
 

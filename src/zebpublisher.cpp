@@ -65,15 +65,13 @@ static bool stamp(ezeb_runtime *rt, zeb_publisher *publisher, zeb_notification *
 {
     const auto sequence =
         static_cast<int32_t>(__atomic_fetch_add(&publisher->sequence, 1U, __ATOMIC_RELAXED));
-    const size_t room = strlen(publisher->idPrefix) + EZEB_INT_TEXT;
-    char *id = static_cast<char *>(ezeb_malloc(room));
+    char *id = static_cast<char *>(
+        ezeb_arena_alloc(&n->strings, strlen(publisher->idPrefix) + EZEB_INT_TEXT, alignof(char)));
     if (id == nullptr)
         return false;
     ezeb_int2str(ezeb_addstr(id, publisher->idPrefix), sequence);
-    const bool stamped = ezeb_notification_set_pubinfo(n, publisher->component, rt->hostname, rt->hostpid, id,
-                                                       publisher->subscriberId) != 0;
-    ezeb_free(id);
-    return stamped;
+    return ezeb_notification_set_pubinfo(n, publisher->component, rt->hostname, rt->hostpid, id,
+                                         publisher->subscriberId) != 0;
 }
 
 /* False when N stays the caller's. */

@@ -79,14 +79,20 @@ int32_t ezeb_str2int(const char *s, int32_t *out)
     return *rest == '\0';
 }
 
-int32_t ezeb_decimal(const char *s)
-{
-    return static_cast<int32_t>(strtol(s, nullptr, 10));
-}
-
 static bool is_digit(char c)
 {
     return c >= '0' && c <= '9';
+}
+
+/* Nearly all are short and have nothing before or behind them. */
+int32_t ezeb_decimal(const char *s)
+{
+    enum { SURE_TO_FIT = 9 };
+    int32_t value = 0;
+    const char *p = s;
+    for (; is_digit(*p) && p - s < SURE_TO_FIT; p++)
+        value = value * 10 + (*p - '0');
+    return p > s && !is_digit(*p) ? value : static_cast<int32_t>(strtol(s, nullptr, 10));
 }
 
 int64_t ezeb_str2ll(const char *s)

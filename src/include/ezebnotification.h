@@ -14,6 +14,8 @@ struct ezeb_runtime;
 struct ezeb_propnode {
     const char *name;
     const char *value;
+    size_t namelength;
+    size_t valuelength;
     ezeb_propnode *next;
 };
 
@@ -25,7 +27,7 @@ struct ezeb_handing {
 
 /* Room for strings, properties and body in the notification's own allocation: a usual event needs no other.
  */
-enum { EZEB_NOTIFICATION_INLINE = 704 };
+enum { EZEB_NOTIFICATION_INLINE = 832 };
 
 /* Used by one thread at a time: the application until publish, then the send thread; the receive thread until
  * delivery, then the application. Strings and property nodes stand in the arena, and so does a body that
@@ -88,7 +90,7 @@ const char *ezeb_notification_getStreamKey(const zeb_notification *n);
  * shares the notification's allocation. */
 char *ezeb_notification_body_take(zeb_notification *n);
 
-/* Fills the origin fields with copies; 0 when memory is out. */
+/* Fills the origin fields: ID, which lives as long as N, and copies of the others; 0 when memory is out. */
 int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component, const char *node,
                                       const char *process, const char *id, int32_t subscriberId);
 
