@@ -26,6 +26,7 @@ ezeb_sb *ezeb_sb_create(int32_t fd)
         return nullptr;
     }
     sb->capacity = EZEB_SB_STEP;
+    sb->room = EZEB_SB_STEP;
     sb->fd = fd;
     sb->valid = 1;
     return sb;
@@ -65,17 +66,23 @@ static void move_to_front(ezeb_sb *sb)
     sb->start = 0;
 }
 
-/* Lines have no upper limit; only the 32-bit indexes set one. */
+/* Lines have no upper limit; only the 32-bit indexes set one. The buffer grows by its step, its memory by an
+ * eighth at least: each time it may move, and a long line would have all its pages moved for every step. */
 static bool grow(ezeb_sb *sb)
 {
     if (sb->capacity > UINT32_MAX - EZEB_SB_STEP)
         return false;
-    char *grown =
-        static_cast<char *>(ezeb_realloc(sb->buf, sb->capacity + static_cast<uint32_t>(EZEB_SB_STEP)));
-    if (grown == nullptr)
-        return false;
-    sb->buf = grown;
-    sb->capacity += EZEB_SB_STEP;
+    const uint32_t capacity = sb->capacity + static_cast<uint32_t>(EZEB_SB_STEP);
+    if (capacity > sb->room) {
+        const uint32_t more = capacity / 8;
+        const uint32_t room = capacity > UINT32_MAX - more ? UINT32_MAX : capacity + more;
+        char *grown = static_cast<char *>(ezeb_realloc(sb->buf, room));
+        if (grown == nullptr)
+            return false;
+        sb->buf = grown;
+        sb->room = room;
+    }
+    sb->capacity = capacity;
     return true;
 }
 

@@ -17,10 +17,11 @@ enum {
 
 struct ezeb_sb {
     char *buf;
-    uint32_t capacity;
-    uint32_t start;   /* first byte not consumed */
-    uint32_t end;     /* behind the last byte read, or the last byte waiting to be written */
-    uint32_t scanned; /* a line end is known not to be before this; keeps long lines linear */
+    uint32_t capacity; /* how much of it is used */
+    uint32_t room;     /* how much there is */
+    uint32_t start;    /* first byte not consumed */
+    uint32_t end;      /* behind the last byte read, or the last byte waiting to be written */
+    uint32_t scanned;  /* a line end is known not to be before this; keeps long lines linear */
     int32_t fd;
     int32_t valid;    /* cleared by any thread, through ezeb_flag_set */
     bool moreFollows; /* what is flushed will be followed by another message at once */

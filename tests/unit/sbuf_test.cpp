@@ -121,6 +121,22 @@ TEST_F(Sbuf, ALineLongerThan2048BytesGrowsTheBufferAndComesWhole)
     EXPECT_LE(sb->capacity, 20001U + 2048 + 2048);
 }
 
+/* Where the memory lies may make every move of a long line dear. */
+TEST_F(Sbuf, ALongLineMovesTheBufferRarely)
+{
+    const std::string sent(4 << 20, 'a');
+    std::thread feeder([&] { pair.send(sent + "\r\n"); });
+    const int64_t before = ezeb_allocseam_requests;
+    char *found = nullptr;
+    EXPECT_EQ(ezeb_sb_gets(sb, &found), 1);
+    EXPECT_LE(ezeb_allocseam_requests - before, 70) << "of 2,048 steps";
+    EXPECT_EQ(sent, found);
+    feeder.join();
+    EXPECT_EQ(sb->capacity % 2048, 0U);
+    EXPECT_LE(sb->capacity, sent.size() + 2 * 2048);
+    EXPECT_LE(sb->room, sb->capacity / 8 * 9 + 2048) << "what is not used costs little";
+}
+
 TEST_F(Sbuf, ALineThatCannotGrowFails)
 {
     pair.send(std::string(3000, 'a') + "\r\n");
