@@ -160,6 +160,9 @@ TEST_F(Condition, WhoIsAboutToBeWokenIsNotLate)
         std::this_thread::yield();
     EXPECT_FALSE(left);
     ezeb_wake(taken);
+    threads.front().join();
+    threads.clear();
+    EXPECT_TRUE(left);
 }
 
 TEST_F(Condition, ASignalEndsNoWait)
@@ -220,6 +223,10 @@ TEST_F(Condition, NothingIsLostAmongManyThreads)
             }
         });
     }
+    for (std::thread &thread : threads)
+        thread.join();
+    threads.clear();
+    EXPECT_EQ(tokens, 0);
 }
 
 } // namespace

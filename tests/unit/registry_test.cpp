@@ -629,9 +629,10 @@ TEST_F(RegistryRuntime, CreatingAndPublishingWithoutMemoryLeavesNothingBehind)
     });
     zeb_publisher *publisher = ezeb_publisher_create("comp", 0, 0, 0);
     const ezeb_runtime_ref rt;
+    const std::string body(EZEB_NOTIFICATION_INLINE - 40, 'b'); /* leaves no room for what publishing adds */
     unit::sweep([&](unit::refusal &refuse) {
         const int32_t before = ezeb_queue_length(rt->send.queue);
-        zeb_notification *n = zeb_notification_create("t", nullptr, 0);
+        zeb_notification *n = zeb_notification_create("t", body.data(), static_cast<int32_t>(body.size()));
         refuse.begin();
         zeb_publisher_publish(publisher, n);
         refuse.end();
