@@ -587,15 +587,14 @@ static bool read_ids(ezeb_sb *sb, int32_t **ids, int32_t *idcount)
 }
 
 /* A line without a colon counts, but gives no property. The byte behind the colon is dropped, whatever it is.
- */
-static bool take_property(zeb_notification *n, const char *line, size_t length)
+ * A NUL ends name and value as it ends every text here, though the line goes on. */
+static bool take_property(zeb_notification *n, const char *line)
 {
     const char *colon = strchr(line, ':');
     if (colon == nullptr)
         return true;
     const char *value = colon[1] != '\0' ? colon + 2 : colon + 1;
-    return push_property(n, line, static_cast<size_t>(colon - line), value,
-                         static_cast<size_t>(line + length - value));
+    return push_property(n, line, static_cast<size_t>(colon - line), value, strlen(value));
 }
 
 /* The writer sends the list from its head and each line is pushed at the head here, so it arrives in reverse.
@@ -606,9 +605,8 @@ static bool read_properties(zeb_notification *n, ezeb_sb *sb)
     if (!read_int(sb, skip_of("numberOfProperties: "), &count))
         return false;
     char *line;
-    size_t length;
     for (int32_t i = 0; i < count; i++) {
-        if (!ezeb_sb_getline(sb, &line, &length) || !take_property(n, line, length))
+        if (!ezeb_sb_gets(sb, &line) || !take_property(n, line))
             return false;
     }
     return true;

@@ -962,6 +962,23 @@ TEST(ReadingPieces, WhatIsWrittenCanBeReadWithTheTimesPutIn)
     ezeb_mutex_destroy(&rt->namemutex);
 }
 
+/* A received notification may be published again: what stood behind a NUL was never part of it. */
+TEST_F(Writing, WhatWasReceivedIsWrittenUpToItsFirstNul)
+{
+    unit::sockets in;
+    ezeb_sb *reader = ezeb_sb_create(in.near);
+    in.send(with(with(MESSAGE, "a: 1", unit::bytes("a: 1\0 and more")), "b: x", unit::bytes("b: \0x")));
+    int32_t *ids = nullptr;
+    int32_t count = 0;
+    ezeb_notification_destroy(n);
+    n = ezeb_notification_read(reader, &ids, &count);
+    ezeb_free(ids);
+    ezeb_sb_free(reader);
+    ASSERT_NE(n, nullptr);
+    EXPECT_NE(written().find("numberOfProperties: 2\r\nb: \r\na: 1\r\nContent-Length: 4\r\n"),
+              std::string::npos);
+}
+
 #ifdef ZEB_SPEED_GUARDS
 TEST(ReadingSpeed, AMillionIdentifiersTakeLessThanTwoSeconds)
 {
