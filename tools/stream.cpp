@@ -51,19 +51,27 @@ static outstream_owner begin_stream(zeb_publisher *publisher, const stream_optio
     return outstream_owner(zeb_notification_getOutputStream(head));
 }
 
-static bool write_pieces(zeb_outstream *stream, std::string_view octets, size_t piece)
+static std::atomic<uint64_t> sent{0};
+
+/* Counted first: once a piece is handed over the receiver may have it, and the daemon be gone, before this
+ * thread goes on. */
+static bool write_piece(zeb_outstream *stream, std::string_view piece)
 {
-    while (!octets.empty()) {
-        const std::string_view part = octets.substr(0, piece);
-        const auto length = static_cast<int32_t>(part.size());
-        if (zeb_outstream_write(stream, part.data(), length) != length)
-            return false;
-        octets.remove_prefix(part.size());
-    }
-    return true;
+    sent += piece.size();
+    const auto length = static_cast<int32_t>(piece.size());
+    const bool written = zeb_outstream_write(stream, piece.data(), length) == length;
+    if (!written)
+        sent -= piece.size();
+    return written;
 }
 
-static std::atomic<uint64_t> sent{0};
+static bool write_pieces(zeb_outstream *stream, std::string_view octets, size_t piece)
+{
+    for (; !octets.empty(); octets.remove_prefix(std::min(piece, octets.size())))
+        if (!write_piece(stream, octets.substr(0, piece)))
+            return false;
+    return true;
+}
 
 /* What the daemon had of the stream went with it, so nobody gets the whole. */
 static void end_when_lost(double lostAt)
@@ -85,7 +93,6 @@ static exit_code send_input(int fd, zeb_outstream *stream, size_t piece)
             error = errno;
         else if (!write_pieces(stream, octets, piece))
             error = ENOMEM;
-        sent += error == 0 ? octets.size() : 0;
         show_octets(sent, "sent", began);
     }
     clear_progress();
