@@ -1,5 +1,6 @@
-/* A daemon that does the least: it agrees to everything and sends every event to every subscriber. It stands
- * in for zebd where only the client is to be measured.
+/* A daemon that does the least: it agrees to everything and sends every event to every subscriber, but remote
+ * calls between callers and servers, whom it lets know of each other. It stands in for zebd where only the
+ * client is to be measured.
  *
  *     bench_daemon [ack=1]
  *
@@ -10,16 +11,24 @@
 #include <map>
 #include <memory>
 #include <sys/epoll.h>
+#include <zeb.h>
 
 using namespace bench;
 
 namespace
 {
 
+enum class role { listener, caller, server };
+
+struct subscriber {
+    std::string id;
+    role part;
+};
+
 struct connection {
     int fd = -1;
     std::string input;
-    std::vector<std::string> subscribers; /* their identifiers */
+    std::vector<subscriber> subscribers;
 };
 
 std::map<int, connection> connections;
@@ -46,28 +55,99 @@ size_t length_in(std::string_view head, std::string_view name)
     return value.empty() ? 0 : std::stoull(std::string(value));
 }
 
-/* The event as it came, with the receiver's identifier and the two times behind its id. */
-void deliver(std::string_view head, std::string_view rest)
+/* A list of one address, that of all servers or of all callers; the segment's name says what it is told for.
+ */
+std::string address_list(const char *segment, role part)
+{
+    const char *name = part == role::server ? "server" : "caller";
+    zeb_bb *block = zeb_bb_create();
+    zeb_bb_seg *address = zeb_bb_addsegment(block, segment);
+    zeb_bb_seg_addelement(address, "id", name);
+    zeb_bb_seg_addelement(address, "key", name);
+    zeb_bb_seg_addelement_b(address, "address", name, 6);
+    zeb_bb_seg *properties = zeb_bb_seg_addsegment(address, "properties");
+    if (part == role::server)
+        zeb_bb_seg_addelement(properties, "/ZEB/RPC/SVR", std::string(callName).c_str());
+    int32_t length = 0;
+    void *octets = zeb_bb_block2body(block, &length);
+    require(octets != nullptr, "zeb_bb_block2body");
+    std::string list(static_cast<char *>(octets), static_cast<size_t>(length));
+    free(octets);
+    zeb_bb_destroy(block);
+    return list;
+}
+
+constexpr std::string_view addressesName = "\nAddrList-Length: ";
+
+/* An event on its way to those of one part, with the addresses that it gets. */
+struct delivery {
+    std::string_view head;
+    std::string_view body;
+    role to;
+    std::string addresses;
+};
+
+/* The event as it came, with the receiver's identifier, the two times behind its id and its addresses. */
+void deliver(const delivery &what)
 {
     constexpr std::string_view idName = "\nSubscriberID: ";
+    const std::string_view head = what.head;
     const size_t id = head.find(idName) + idName.size();
     const size_t type = head.find('\r', id);
     const size_t times = head.find('\n', head.find("\neventId: ") + 1) + 1;
+    const size_t addresses = head.find(addressesName) + addressesName.size();
     for (const auto &[fd, c] : connections) {
-        for (const std::string &subscriber : c.subscribers) {
+        for (const subscriber &receiver : c.subscribers) {
+            if (receiver.part != what.to)
+                continue;
             std::string out(head.substr(0, id));
-            out.append(subscriber).append(head.substr(type, times - type));
-            out.append("creationTime: 1\r\ndeliveryTime: 1\r\n").append(head.substr(times)).append(rest);
-            say(c, out);
+            out.append(receiver.id).append(head.substr(type, times - type));
+            out.append("creationTime: 1\r\ndeliveryTime: 1\r\n")
+                .append(head.substr(times, addresses - times));
+            out.append(std::to_string(what.addresses.size())).append("\r\n\r\n");
+            say(c, out.append(what.body).append(what.addresses));
         }
     }
 }
 
+void pass_on(std::string_view head, std::string_view body)
+{
+    static const std::string fromCaller = address_list("srcAddr", role::caller);
+    static const std::string fromServer = address_list("srcAddr", role::server);
+    const std::string_view type = header(head, "\neventType: ");
+    if (type == "/ZEB/RPC/REQ")
+        deliver({head, body, role::server, fromCaller});
+    else if (type == "/ZEB/RPC/RES")
+        deliver({head, body, role::caller, fromServer});
+    else
+        deliver({head, body, role::listener, ""});
+}
+
+/* Whoever can be called is there before those who call. */
+void tell_of_servers(const connection &c, const std::string &id)
+{
+    const std::string list = address_list("addAddr0", role::server);
+    say(c, "POST /event HTTP/1.1\r\nclassName: MembershipDeltaNotification\r\nSubscriberID: " + id +
+               "\r\neventType: /ZEB/SYSTEM/MEMBERS\r\neventId: 1\r\ncreationTime: 1\r\ndeliveryTime: 1\r\n"
+               "Content-Length: 0\r\nAddrList-Length: " +
+               std::to_string(list.size()) + "\r\n\r\n" + list);
+}
+
+role part_in(std::string_view head)
+{
+    if (header(head, "\nMbrInterest: ") != "null")
+        return role::caller;
+    return header(head, "\n/ZEB/RPC/SVR: ").empty() ? role::listener : role::server;
+}
+
 void subscribe(connection &c, std::string_view head)
 {
-    const std::string id(header(head, "\nSubscriberID: "));
-    c.subscribers.push_back(id);
-    say(c, "POST /status HTTP/1.1\r\nResult: success\r\nSubscriberID: " + id + "\r\nMessage: -\r\n\r\n");
+    const subscriber fresh{std::string(header(head, "\nSubscriberID: ")), part_in(head)};
+    c.subscribers.push_back(fresh);
+    say(c,
+        "POST /status HTTP/1.1\r\nResult: success\r\nSubscriberID: " + fresh.id + "\r\nMessage: -\r\n\r\n");
+    if (fresh.part == role::caller)
+        tell_of_servers(c, fresh.id);
 }
 
 /* Carries out the first message of the input; 0 when it has not come completely, else its length. */
@@ -77,7 +157,8 @@ size_t take_message(connection &c, std::string_view input)
     if (end == std::string_view::npos)
         return 0;
     const std::string_view head = input.substr(0, end + 4);
-    const size_t more = length_in(head, "\nContent-Length: ") + length_in(head, "\nAddrList-Length: ");
+    const size_t body = length_in(head, "\nContent-Length: ");
+    const size_t more = body + length_in(head, addressesName);
     if (input.size() < head.size() + more)
         return 0;
     if (head.rfind("POST /connect", 0) == 0)
@@ -85,7 +166,7 @@ size_t take_message(connection &c, std::string_view input)
     else if (head.rfind("POST /subscribe", 0) == 0)
         subscribe(c, head);
     else if (head.rfind("POST /event", 0) == 0)
-        deliver(head, input.substr(head.size(), more));
+        pass_on(head, input.substr(head.size(), body));
     return head.size() + more;
 }
 
