@@ -14,7 +14,8 @@
  * property lists, addresses, address lists and body blocks carry no lock: one thread at a time may use each
  * of them. The service threads block every signal; call-back threads run with the signal mask of the thread
  * that registered the call-back (mode 0) or that called zeb_init (mode 1). The library never changes a
- * signal's disposition, and a daemon that goes away raises no SIGPIPE.
+ * signal's disposition, and a daemon that goes away raises no SIGPIPE. A signal handler must not leave a call
+ * of the library by a jump.
  *
  * Call-back stacks. The service threads and every call-back thread have a stack of 32768 bytes. That is
  * little: printf of a floating-point number, or a buffer of a few kilobytes, does not fit beside it. Set

@@ -269,7 +269,7 @@ static int start_threads(ezeb_runtime *rt)
     ezeb_mutex_lock(&rt->startmutex);
     if (!started) {
         rt->abandoned = 1;
-        ezeb_cond_broadcast(&rt->startcond);
+        ezeb_cond_broadcast(&rt->startcond, &rt->startmutex);
     }
     while (started && rt->bothup == 0)
         ezeb_cond_wait(&rt->startcond, &rt->startmutex);
@@ -365,7 +365,7 @@ int32_t ezeb_shutdown(int32_t wait)
     ezeb_registry_closeall(rt);
     ezeb_mutex_lock(&ezebglobalmutex);
     runtime_publish(nullptr);
-    ezeb_cond_broadcast(&ezebglobalcond);
+    ezeb_cond_broadcast(&ezebglobalcond, &ezebglobalmutex);
     ezeb_mutex_unlock(&ezebglobalmutex);
     runtime_unref(rt);
     ezeb_notification_forget_blocks();
@@ -390,7 +390,7 @@ void ezeb_postfdopen(ezeb_runtime *rt)
     const ezeb_locked hold(&rt->forkmutex);
     rt->fdopening--;
     if (rt->fdopening == 0 && rt->forkwaiters > 0)
-        ezeb_cond_broadcast(&rt->forkcond);
+        ezeb_cond_broadcast(&rt->forkcond, &rt->forkmutex);
 }
 
 int ezeb_fd_above_stdio(int descriptor)
@@ -438,7 +438,7 @@ static void atfork_parent(void) EZEB_NO_ANALYSIS
         ezeb_mutex_lock(&rt->forkmutex);
         rt->forking--;
         if (rt->forking == 0 && rt->fdwaiters > 0)
-            ezeb_cond_broadcast(&rt->forkcond);
+            ezeb_cond_broadcast(&rt->forkcond, &rt->forkmutex);
         ezeb_mutex_unlock(&rt->forkmutex);
     }
     ezeb_mutex_unlock(&ezebglobalmutex);
@@ -464,7 +464,6 @@ static void atfork_child(void) EZEB_NO_ANALYSIS
     ezeb_runtime *rt = ezebglobalctx;
     ezebglobalctx = nullptr;
     ezeb_flag_set(&forkgeneration, forkgeneration + 1);
-    ezebglobalcond = EZEB_COND_INITIALIZER; /* it may have had waiters, which do not exist here */
     ezeb_mutex_unlock(&ezebctxmutex);
     if (rt != nullptr)
         runtime_fork_free(rt);

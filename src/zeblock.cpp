@@ -2,6 +2,8 @@
  * be woken, the word that it was done. */
 #include "ezeblock.h"
 
+#include "ezebruntime.h"
+
 #include <errno.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -11,13 +13,14 @@
 
 enum { MONOTONIC = 0, WALL_CLOCK = FUTEX_CLOCK_REALTIME };
 
-/* Until SELF is woken, or DEADLINE, unless null, has passed on CLOCK. Signals do not end it. */
+/* Until SELF is woken, or DEADLINE, unless null, has passed on CLOCK. Signals do not end it; a deadline that
+ * is no time is past. */
 static bool sleep_until_woken(const ezeb_waiter *self, int clock, const timespec *deadline)
 {
     while (ezeb_flag_acquire(&self->woken) == 0) {
         if (syscall(SYS_futex, &self->woken, FUTEX_WAIT_BITSET_PRIVATE | clock, 0, deadline, nullptr,
                     FUTEX_BITSET_MATCH_ANY) != 0 &&
-            errno == ETIMEDOUT)
+            (errno == ETIMEDOUT || errno == EINVAL))
             return false;
     }
     return true;
@@ -35,14 +38,23 @@ void ezeb_wake(ezeb_waiter *waiters)
 
 /* ---- Who waits ---- */
 
+static void forget_vanished(ezeb_cond *cond)
+{
+    const uint32_t generation = ezeb_fork_generation();
+    if (cond->forkgeneration != generation)
+        *cond = {nullptr, nullptr, generation};
+}
+
 static void enter(ezeb_cond *cond, ezeb_waiter *self)
 {
+    forget_vanished(cond);
     (cond->last != nullptr ? cond->last->next : cond->first) = self;
     cond->last = self;
 }
 
-ezeb_waiter *ezeb_cond_take(ezeb_cond *cond, int32_t count)
+ezeb_waiter *ezeb_cond_take(ezeb_cond *cond, [[maybe_unused]] ezeb_mutex *mutex, int32_t count)
 {
+    forget_vanished(cond);
     ezeb_waiter *const taken = count > 0 ? cond->first : nullptr;
     if (taken == nullptr)
         return nullptr;
@@ -73,9 +85,9 @@ static bool leave(ezeb_cond *cond, const ezeb_waiter *self)
     return true;
 }
 
-void ezeb_cond_broadcast(ezeb_cond *cond)
+void ezeb_cond_broadcast(ezeb_cond *cond, ezeb_mutex *mutex)
 {
-    ezeb_wake(ezeb_cond_take(cond, INT32_MAX));
+    ezeb_wake(ezeb_cond_take(cond, mutex, INT32_MAX));
 }
 
 /* ---- Waiting ---- */

@@ -386,9 +386,9 @@ int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component
     n->id = id;
     n->creationTime = -1;
     n->subscriberId = subscriberId;
-    n->generatingComponent = keep(n, component); /* last: it is what tells a stamped notification */
-    return n->generatingComponent != nullptr && n->generatingNode != nullptr &&
-           n->generatingProcess != nullptr;
+    if (n->generatingNode != nullptr && n->generatingProcess != nullptr)
+        n->generatingComponent = keep(n, component); /* last: it is what tells a stamped notification */
+    return n->generatingComponent != nullptr;
 }
 
 int32_t ezeb_notification_set_streampublisher(zeb_notification *n, zeb_publisher *publisher)

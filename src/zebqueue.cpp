@@ -64,7 +64,7 @@ static int32_t insert(ezeb_queue *queue, ezeb_queue_cell *cells, bool first, eze
         count++;
     }
     ezeb_flag_set(&queue->length, queue->length + count);
-    *woken = ezeb_cond_take(&queue->notEmpty, count);
+    *woken = ezeb_cond_take(&queue->notEmpty, &queue->lock, count);
     return 1;
 }
 
@@ -168,7 +168,7 @@ static void announce_emptied_locked(ezeb_queue *queue) EZEB_REQUIRES(queue->lock
 {
     const bool left = ezeb_flag_get(&queue->shuttingDown) != 0 && queue->removers == 0;
     if (queue->emptiedWaiters > 0 && (queue->length == 0 || left))
-        ezeb_cond_broadcast(&queue->emptied);
+        ezeb_cond_broadcast(&queue->emptied, &queue->lock);
 }
 
 ezeb_queue_cell *ezeb_queue_take(ezeb_queue *queue, int32_t wait, int64_t timeout)
@@ -216,7 +216,7 @@ int32_t ezeb_queue_length(const ezeb_queue *queue)
 static void begin_drain_locked(ezeb_queue *queue) EZEB_REQUIRES(queue->lock)
 {
     ezeb_flag_set(&queue->draining, 1);
-    ezeb_cond_broadcast(&queue->notEmpty);
+    ezeb_cond_broadcast(&queue->notEmpty, &queue->lock);
 }
 
 void ezeb_queue_finish(ezeb_queue *queue)
@@ -249,8 +249,9 @@ int32_t ezeb_queue_start_shutdown(ezeb_queue *queue)
     if (ezeb_flag_get(&queue->shuttingDown) != 0)
         return 0;
     ezeb_flag_set(&queue->shuttingDown, 1);
-    ezeb_cond_broadcast(&queue->notEmpty);
-    ezeb_cond_broadcast(&queue->emptied); /* a drain that still waits has nobody left to wait for */
+    ezeb_cond_broadcast(&queue->notEmpty, &queue->lock);
+    ezeb_cond_broadcast(&queue->emptied,
+                        &queue->lock); /* a drain that still waits has nobody left to wait for */
     while (queue->removers > 0) {
         queue->emptiedWaiters++;
         ezeb_cond_wait(&queue->emptied, &queue->lock);

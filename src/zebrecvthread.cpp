@@ -109,7 +109,7 @@ int32_t ezeb_recvthread_isConnected(ezeb_runtime *rt)
 static void wake_waiters_locked(ezebrecvctx *recv) EZEB_REQUIRES(recv->mutex)
 {
     if (recv->waiters > 0)
-        ezeb_cond_broadcast(&recv->cond);
+        ezeb_cond_broadcast(&recv->cond, &recv->mutex);
 }
 
 void ezeb_recvthread_releasesocketwaiter(ezeb_runtime *rt)
@@ -151,7 +151,7 @@ void ezeb_recvthread_shutdown(ezeb_runtime *rt)
     ezeb_connection *connection = rt->recv.connection;
     rt->recv.connection = nullptr;
     rt->recv.connected = 0;
-    ezeb_cond_broadcast(&rt->recv.cond);
+    ezeb_cond_broadcast(&rt->recv.cond, &rt->recv.mutex);
     ezeb_mutex_unlock(&rt->recv.mutex);
     ezeb_connection_cut(connection);
     ezeb_connection_unref(connection);
@@ -426,7 +426,7 @@ static void note_answer(ezeb_runtime *rt)
     const ezeb_locked hold(&rt->regmutex);
     rt->answered |= 1U;
     if (rt->answerwaiters > 0)
-        ezeb_cond_broadcast(&rt->answercond);
+        ezeb_cond_broadcast(&rt->answercond, &rt->regmutex);
 }
 
 static bool shake_hands(ezeb_runtime *rt, ezeb_sb *sb)
@@ -661,13 +661,13 @@ static bool rendezvous(ezeb_runtime *rt)
 {
     const ezeb_locked hold(&rt->startmutex);
     rt->receiverup = 1;
-    ezeb_cond_broadcast(&rt->startcond);
+    ezeb_cond_broadcast(&rt->startcond, &rt->startmutex);
     while (rt->senderup == 0 && rt->abandoned == 0)
         ezeb_cond_wait(&rt->startcond, &rt->startmutex);
     if (rt->abandoned != 0)
         return false;
     rt->bothup = 1;
-    ezeb_cond_broadcast(&rt->startcond);
+    ezeb_cond_broadcast(&rt->startcond, &rt->startmutex);
     return true;
 }
 

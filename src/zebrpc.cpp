@@ -418,6 +418,10 @@ static ezeb_waiter *deliver(zeb_rpcinvocation *invocation, zeb_rpcresponse *resp
     ezeb_waiter *woken = nullptr;
     if (response == nullptr)
         return nullptr;
+    if (!is_usable(invocation->client)) { /* a call-back before this one forked */
+        ezeb_rpcresponse_destroy(&response);
+        return nullptr;
+    }
     if (invocation->callback != nullptr) {
         invocation->callback(response, invocation->context);
         return nullptr;
@@ -493,7 +497,7 @@ static void members_changed(zeb_rpcclient *client, const zeb_notification *n)
     }
     for (int32_t i = 0; i < ezeb_laddrlist_count(n->membersRemoved); i++)
         server_left_locked(client, &n->membersRemoved->entries[i]);
-    ezeb_cond_broadcast(&client->changed);
+    ezeb_cond_broadcast(&client->changed, &client->lock);
 }
 
 /* ---- Creation ---- */
@@ -629,7 +633,7 @@ void ezeb_rpcclient_destroy(zeb_rpcclient **client)
     gone->active = 0;
     zeb_subscriber *sub = gone->subscriber;
     gone->subscriber = nullptr;
-    ezeb_cond_broadcast(&gone->changed);
+    ezeb_cond_broadcast(&gone->changed, &gone->lock);
     while (gone->first != nullptr) {
         zeb_rpcinvocation *invocation = gone->first;
         unlist_locked(gone, invocation);

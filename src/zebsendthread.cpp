@@ -277,7 +277,7 @@ static void rendezvous(ezeb_runtime *rt)
 {
     const ezeb_locked hold(&rt->startmutex);
     rt->senderup = 1;
-    ezeb_cond_broadcast(&rt->startcond);
+    ezeb_cond_broadcast(&rt->startcond, &rt->startmutex);
 }
 
 static void finish(ezebsendctx *send)
@@ -288,7 +288,7 @@ static void finish(ezebsendctx *send)
     send->sb = nullptr;
     send->connection = nullptr;
     send->finished = 1;
-    ezeb_cond_broadcast(&send->left);
+    ezeb_cond_broadcast(&send->left, &send->sbmutex);
     ezeb_mutex_unlock(&send->sbmutex);
     if (sb != nullptr)
         ezeb_sb_release(sb);

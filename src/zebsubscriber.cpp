@@ -303,7 +303,7 @@ void ezeb_subscriber_receivesubsreply(zeb_subscriber *sub, int32_t result, char 
     sub->result = result;
     ezeb_free(sub->message);
     sub->message = message;
-    ezeb_cond_broadcast(&sub->changed);
+    ezeb_cond_broadcast(&sub->changed, &sub->lock);
 }
 
 int32_t ezeb_subscriber_status(zeb_subscriber *sub, char **statusMessageOut)
@@ -323,7 +323,7 @@ int32_t ezeb_subscriber_status(zeb_subscriber *sub, char **statusMessageOut)
     ezeb_free(sub->message);
     sub->message = nullptr;
     sub->registration = EZEB_SETTLED;
-    ezeb_cond_broadcast(&sub->changed);
+    ezeb_cond_broadcast(&sub->changed, &sub->lock);
     return failed ? ZEB_SUBSCRIPTION_FAILED : ZEB_SUBSCRIBED;
 }
 
@@ -340,7 +340,7 @@ void ezeb_subscriber_closenodereg(zeb_subscriber *sub)
     sub->callback = nullptr;
     zeb_publisher *publisher = sub->publisher;
     sub->publisher = nullptr;
-    ezeb_cond_broadcast(&sub->changed);
+    ezeb_cond_broadcast(&sub->changed, &sub->lock);
     ezeb_mutex_unlock(&sub->lock);
     ezeb_publisher_close(publisher);
     ezeb_queue_close(sub->queue, ezeb_q_callback);
@@ -365,7 +365,7 @@ void ezeb_subscriber_orphan(zeb_subscriber *sub)
 {
     ezeb_mutex_lock(&sub->lock);
     ezeb_flag_set(&sub->orphaned, 1);
-    ezeb_cond_broadcast(&sub->changed);
+    ezeb_cond_broadcast(&sub->changed, &sub->lock);
     leave_lists_locked(sub);
     ezeb_mutex_unlock(&sub->lock);
     ezeb_queue_start_shutdown(sub->queue);
@@ -678,7 +678,7 @@ int32_t ezeb_subscriber_cancelcallback(zeb_subscriber *sub)
         return -1;
     sub->callbackRegistered = 0;
     sub->callback = nullptr;
-    ezeb_cond_broadcast(&sub->changed);
+    ezeb_cond_broadcast(&sub->changed, &sub->lock);
     return 0;
 }
 
@@ -900,7 +900,7 @@ static void leave(ezeb_listcell **cells)
     const bool last = list->count == 0;
     const bool gone = last && list->destroyed != 0;
     if (last && list->waiters > 0)
-        ezeb_cond_broadcast(&list->readyCond);
+        ezeb_cond_broadcast(&list->readyCond, &list->lock);
     ezeb_mutex_unlock(&list->lock);
     if (gone)
         free_list(list);
@@ -925,7 +925,7 @@ static bool make_ready(zeb_subscriberlist *list, zeb_subscriber *sub)
     if (list->ready == nullptr) {
         list->ready = sub;
         if (list->waiters > 0)
-            ezeb_cond_broadcast(&list->readyCond);
+            ezeb_cond_broadcast(&list->readyCond, &list->lock);
     }
     return true;
 }

@@ -336,6 +336,8 @@ static bool keep_idle(ezeb_blockcache *cache, void *block)
 {
     if (ezeb_flag_get(&cache->idle) >= most_idle() || !enter(cache))
         return false;
+    if (block == cache->first)
+        __builtin_trap(); /* released twice; the allocator would end the process as well */
     *static_cast<void **>(block) = cache->first;
     cache->first = block;
     ezeb_flag_set(&cache->idle, cache->idle + 1);

@@ -65,10 +65,12 @@ struct ezeb_waiter {
 
 /* A condition: those who wait for it, in the order in which they came. Used only under the mutex that they
  * wait with. Unlike the system's it knows whom it has woken already, so nobody is woken twice or in vain,
- * wakes without the mutex, and leaves that mutex without a call of the kernel. */
+ * wakes without the mutex, leaves that mutex without a call of the kernel, and has nobody to wake in a forked
+ * child. */
 struct ezeb_cond {
     ezeb_waiter *first;
     ezeb_waiter *last;
+    uint32_t forkgeneration; /* of those who wait: after a fork they do not exist, nor do their stacks */
 };
 
 #define EZEB_MUTEX_INITIALIZER                                                                               \
@@ -77,7 +79,7 @@ struct ezeb_cond {
     }
 #define EZEB_COND_INITIALIZER                                                                                \
     {                                                                                                        \
-        nullptr, nullptr                                                                                     \
+        nullptr, nullptr, 0                                                                                  \
     }
 
 inline void ezeb_mutex_init(ezeb_mutex *mutex)
@@ -139,10 +141,10 @@ inline void ezeb_cond_destroy(ezeb_cond *cond)
 
 /* Takes COUNT at most of those who wait out of COND, as a chain to be woken by the second: best when the
  * mutex has been left, for who is woken wants it. */
-ezeb_waiter *ezeb_cond_take(ezeb_cond *cond, int32_t count);
+ezeb_waiter *ezeb_cond_take(ezeb_cond *cond, ezeb_mutex *mutex, int32_t count) EZEB_REQUIRES(mutex);
 void ezeb_wake(ezeb_waiter *waiters); /* null: nobody */
 
-void ezeb_cond_broadcast(ezeb_cond *cond);
+void ezeb_cond_broadcast(ezeb_cond *cond, ezeb_mutex *mutex) EZEB_REQUIRES(mutex);
 
 void ezeb_cond_wait(ezeb_cond *cond, ezeb_mutex *mutex) EZEB_REQUIRES(mutex);
 

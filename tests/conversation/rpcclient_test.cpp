@@ -1151,4 +1151,80 @@ TEST_F(calling_servers, in_a_forked_child_it_is_dead_and_in_the_parent_undisturb
     zeb_rpcinvocation_destroy(&call);
 }
 
+/* In the child of such a call-back. Its threads get the stacks of those who wait in the parent and do not
+ * exist here; none of them is written to by anybody else. */
+struct child_threads {
+    static constexpr size_t depth = 65536;
+    static constexpr int count = 8;
+    std::atomic<int> filled{0};
+
+    void start()
+    {
+        for (int i = 0; i < count; i++)
+            std::thread([this] {
+                volatile char stack[depth];
+                for (volatile char &octet : stack)
+                    octet = 'A';
+                filled++;
+                std::this_thread::sleep_for(milliseconds{300});
+                for (const volatile char &octet : stack)
+                    if (octet != 'A')
+                        _exit(9);
+                if (--filled == 0)
+                    _exit(7);
+            }).detach();
+        while (filled < count)
+            std::this_thread::yield();
+    }
+};
+
+struct forking_call_back {
+    std::atomic<pid_t> child{0};
+    child_threads threads;
+
+    static void run(zeb_rpcresponse *response, void *context)
+    {
+        auto *self = static_cast<forking_call_back *>(context);
+        zeb_rpcresponse_destroy(&response);
+        const pid_t pid = fork();
+        if (pid == 0)
+            self->threads.start();
+        else
+            self->child = pid;
+    }
+};
+
+/* One change of the members answers two calls and tells who waits for servers. The call-back of the first
+ * forks; in the child nobody is there to be told any more. */
+TEST_F(calling_servers, a_response_call_back_that_forks_tells_nobody_in_the_child)
+{
+    if (threadSanitizer)
+        GTEST_SKIP() << "the thread sanitizer does not let a child live on with another thread of its parent";
+    create({"a", "b"}, "((\"/ZEB/RPC/SVR=a\")|(\"/ZEB/RPC/SVR=b\"))");
+    p.send(came("7"));
+    servers = live(1);
+    forking_call_back forks;
+    zeb_rpcinvocation *first =
+        zeb_rpcclient_invoke_wcallback(client, "f", servers, "", 0, forking_call_back::run, &forks);
+    zeb_rpcinvocation *second = invoke();
+    p.expect(request("01", "f", "f:0", toServer7));
+    p.expect(request("02", "f", "f:1", toServer7));
+    background response([=] { return next(second); });
+    background waiting([this] { return zeb_rpcclient_getservers(client, "b"); });
+    EXPECT_FALSE(response.done_within(milliseconds{100}));
+    EXPECT_FALSE(waiting.done_within(milliseconds{100}));
+    p.send(left("7"));
+    EXPECT_EQ(response.get(), notLive);
+    ASSERT_TRUE(eventually([&] { return forks.child != 0; }));
+    int status = 0;
+    EXPECT_TRUE(eventually([&] { return waitpid(forks.child, &status, WNOHANG) == forks.child; }));
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), 7);
+    p.send(came("8", "b"));
+    zeb_laddrlist *found = waiting.get();
+    EXPECT_EQ(zeb_laddrlist_count(found), 1);
+    zeb_laddrlist_destroy(&found);
+    zeb_rpcinvocation_destroy(&first);
+    zeb_rpcinvocation_destroy(&second);
+}
+
 } // namespace

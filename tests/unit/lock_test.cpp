@@ -67,7 +67,7 @@ struct Condition : testing::Test {
     ezeb_waiter *take(int32_t count)
     {
         const ezeb_locked hold(&lock);
-        return ezeb_cond_take(&cond, count);
+        return ezeb_cond_take(&cond, &lock, count);
     }
 };
 
@@ -100,7 +100,10 @@ TEST_F(Condition, NobodyIsWokenWhenNobodyWaits)
 {
     EXPECT_EQ(take(1), nullptr);
     ezeb_wake(nullptr);
-    ezeb_cond_broadcast(&cond);
+    {
+        const ezeb_locked hold(&lock);
+        ezeb_cond_broadcast(&cond, &lock);
+    }
     startWaiting(1);
     EXPECT_EQ(take(0), nullptr) << "what was said before is not remembered, and none wakes none";
     EXPECT_EQ(take(-1), nullptr);
@@ -112,7 +115,7 @@ TEST_F(Condition, ABroadcastWakesAll)
     startWaiting(5);
     {
         const ezeb_locked hold(&lock);
-        ezeb_cond_broadcast(&cond);
+        ezeb_cond_broadcast(&cond, &lock);
     }
     EXPECT_EQ(awaitWoken(5).size(), 5U);
 }
@@ -120,6 +123,11 @@ TEST_F(Condition, ABroadcastWakesAll)
 /* With others before and behind it, and alone. */
 TEST_F(Condition, WhoseTimeIsUpLeavesTheOthers)
 {
+    const timespec never = {-1, 0};
+    {
+        const ezeb_locked hold(&lock);
+        EXPECT_FALSE(ezeb_cond_waituntil(&cond, &lock, &never)) << "what is no time is past";
+    }
     const auto waitInVain = [this] {
         const timespec deadline = wallClock(-1);
         const ezeb_locked hold(&lock);
@@ -200,7 +208,7 @@ TEST_F(Condition, NothingIsLostAmongManyThreads)
             for (int n = 0; n < tokensEach; n++) {
                 ezeb_mutex_lock(&lock);
                 tokens++;
-                ezeb_waiter *one = ezeb_cond_take(&cond, 1);
+                ezeb_waiter *one = ezeb_cond_take(&cond, &lock, 1);
                 ezeb_mutex_unlock(&lock);
                 ezeb_wake(one);
             }

@@ -268,6 +268,8 @@ TEST_F(Notification, PublishInformationWithoutMemoryIsReported)
                                                              longtext.c_str(), longtext.c_str(), 1);
         refuse.end();
         EXPECT_EQ(filled, refuse.happened() ? 0 : 1);
+        EXPECT_EQ(zeb_notification_generatingComponent(other) != nullptr, filled == 1)
+            << "it tells that all is there";
         ezeb_notification_destroy(other);
     });
 }

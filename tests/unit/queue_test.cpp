@@ -613,7 +613,8 @@ TEST_F(Queue, ALimitedWaitIsOneSingleWait)
     awaitRemovers(1);
     {
         const ezeb_locked hold(&queue->lock);
-        ezeb_cond_broadcast(&queue->notEmpty); /* as one for an element that somebody else takes */
+        ezeb_cond_broadcast(&queue->notEmpty,
+                            &queue->lock); /* as one for an element that somebody else takes */
     }
     remover.join();
     EXPECT_EQ(found, nullptr);
@@ -631,7 +632,7 @@ TEST_F(Queue, AnUnlimitedWaitGoesOnWhenItIsWokenInVain)
         awaitRemovers(1);
         for (int i = 0; i < 20; i++) {
             const ezeb_locked hold(&queue->lock);
-            ezeb_cond_broadcast(&queue->notEmpty);
+            ezeb_cond_broadcast(&queue->notEmpty, &queue->lock);
         }
         EXPECT_FALSE(left);
         ezeb_queue_enqueue(queue, element(5));

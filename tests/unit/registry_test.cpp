@@ -24,7 +24,7 @@ class pause_of_receive_thread
     {
         const ezeb_locked hold(&lock);
         resting = true;
-        ezeb_cond_broadcast(&changed);
+        ezeb_cond_broadcast(&changed, &lock);
         while (!over)
             ezeb_cond_wait(&changed, &lock);
     }
@@ -38,7 +38,7 @@ class pause_of_receive_thread
     {
         const ezeb_locked hold(&lock);
         over = true;
-        ezeb_cond_broadcast(&changed);
+        ezeb_cond_broadcast(&changed, &lock);
     }
 
   private:
