@@ -1,6 +1,12 @@
 # Two interface targets carry the flags: zeb_warnings for every target of ours, zeb_hardening for what ships.
 find_package(Threads REQUIRED)
 
+# Files and times are as wide as anywhere where the machine's words are narrow: for everything, as a time stands in
+# headers of ours.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 add_library(zeb_warnings INTERFACE)
 target_compile_options(zeb_warnings INTERFACE
   -Wall -Wextra -Wshadow -Wvla -Wpointer-arith -Wcast-align

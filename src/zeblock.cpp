@@ -13,12 +13,19 @@
 
 enum { MONOTONIC = 0, WALL_CLOCK = FUTEX_CLOCK_REALTIME };
 
+/* The call that takes a timespec as it is here: where long has 32 bits there are two. */
+#ifdef SYS_futex_time64
+static constexpr long FUTEX = sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
+#else
+static constexpr long FUTEX = SYS_futex;
+#endif
+
 /* Until SELF is woken, or DEADLINE, unless null, has passed on CLOCK. Signals do not end it; a deadline that
  * is no time is past. */
 static bool sleep_until_woken(const ezeb_waiter *self, int clock, const timespec *deadline)
 {
     while (ezeb_flag_acquire(&self->woken) == 0) {
-        if (syscall(SYS_futex, &self->woken, FUTEX_WAIT_BITSET_PRIVATE | clock, 0, deadline, nullptr,
+        if (syscall(FUTEX, &self->woken, FUTEX_WAIT_BITSET_PRIVATE | clock, 0, deadline, nullptr,
                     FUTEX_BITSET_MATCH_ANY) != 0 &&
             (errno == ETIMEDOUT || errno == EINVAL))
             return false;
@@ -32,7 +39,7 @@ void ezeb_wake(ezeb_waiter *waiters)
     for (ezeb_waiter *next = nullptr; waiters != nullptr; waiters = next) {
         next = waiters->next;
         ezeb_flag_release(&waiters->woken, 1);
-        syscall(SYS_futex, &waiters->woken, FUTEX_WAKE_PRIVATE, 1);
+        syscall(FUTEX, &waiters->woken, FUTEX_WAKE_PRIVATE, 1);
     }
 }
 

@@ -26,6 +26,8 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <limits>
+
 #if defined(__clang__)
 #define EZEB_TSA(x) __attribute__((x))
 #else
@@ -163,7 +165,7 @@ inline timespec ezeb_deadline(int64_t timeout)
     timespec deadline;
     const time_t now = time(nullptr);
     if (__builtin_add_overflow(now, timeout / 1000, &deadline.tv_sec))
-        deadline.tv_sec = INT64_MAX;
+        deadline.tv_sec = std::numeric_limits<time_t>::max();
     deadline.tv_nsec = static_cast<long>(timeout % 1000) * 1000L;
     return deadline;
 }

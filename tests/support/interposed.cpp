@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdarg>
 #include <dlfcn.h>
+#include <limits>
 #include <linux/futex.h>
 #include <mutex>
 #include <netdb.h>
@@ -78,7 +79,7 @@ timespec unset(const timespec &deadline, int64_t offset)
 {
     timespec real = deadline;
     if (__builtin_sub_overflow(deadline.tv_sec, offset, &real.tv_sec))
-        real.tv_sec = INT64_MAX;
+        real.tv_sec = std::numeric_limits<time_t>::max();
     return real;
 }
 
@@ -116,7 +117,8 @@ extern "C" unsigned sleep(unsigned seconds)
         sleepsSoFar.push_back(seconds);
         length = perSecond * seconds;
     }
-    timespec rest{length.count() / 1000, (length.count() % 1000) * 1000000};
+    timespec rest{static_cast<time_t>(length.count() / 1000),
+                  static_cast<long>(length.count() % 1000) * 1000000};
     while (nanosleep(&rest, &rest) != 0 && errno == EINTR)
         ;
     return 0;
@@ -137,9 +139,18 @@ namespace
 
 using syscall_function = decltype(syscall);
 
+bool is_futex(long number)
+{
+#ifdef SYS_futex_time64
+    return number == (sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex);
+#else
+    return number == SYS_futex;
+#endif
+}
+
 /* The library waits by futex. One wait for its caller: only a step of the clock, which wakes it as well,
  * makes it begin anew. */
-long wait_on_the_clock(syscall_function *call, uint32_t *word, long operation, long value,
+long wait_on_the_clock(syscall_function *call, long number, uint32_t *word, long operation, long value,
                        const timespec *deadline)
 {
     clock_wait self{word, deadline->tv_sec, 0};
@@ -151,7 +162,7 @@ long wait_on_the_clock(syscall_function *call, uint32_t *word, long operation, l
         self.offset = clockOffset;
         const timespec end = unset(*deadline, self.offset);
         hold.unlock();
-        result = call(SYS_futex, word, operation, value, &end, nullptr, FUTEX_BITSET_MATCH_ANY);
+        result = call(number, word, operation, value, &end, nullptr, FUTEX_BITSET_MATCH_ANY);
         why = errno;
         hold.lock();
     } while (result == 0 && self.offset != clockOffset);
@@ -173,9 +184,9 @@ extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...
         argument = va_arg(list, long);
     va_end(list);
     constexpr long clockWait = FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME;
-    if (number == SYS_futex && arguments[1] == clockWait && arguments[3] != 0)
-        return wait_on_the_clock(call, reinterpret_cast<uint32_t *>(arguments[0]), clockWait, arguments[2],
-                                 reinterpret_cast<const timespec *>(arguments[3]));
+    if (is_futex(number) && arguments[1] == clockWait && arguments[3] != 0)
+        return wait_on_the_clock(call, number, reinterpret_cast<uint32_t *>(arguments[0]), clockWait,
+                                 arguments[2], reinterpret_cast<const timespec *>(arguments[3]));
     return call(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 

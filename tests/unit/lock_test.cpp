@@ -150,6 +150,14 @@ TEST_F(Condition, WhoseTimeIsUpLeavesTheOthers)
     EXPECT_EQ(awaitWoken(2).size(), 2U);
 }
 
+TEST_F(Condition, ALimitIsKeptToTheFractionOfASecond)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const ezeb_locked hold(&lock);
+    EXPECT_FALSE(ezeb_cond_waitseconds(&cond, &lock, 1));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds{1});
+}
+
 /* Its waker holds its record: it stays until it is told, and then it counts as told. */
 TEST_F(Condition, WhoIsAboutToBeWokenIsNotLate)
 {
