@@ -201,12 +201,11 @@ static uint16_t find_port(int32_t port)
     return static_cast<uint16_t>(value);
 }
 
-static uint64_t find_stacksize(void)
+static size_t find_stacksize(void)
 {
     const char *text = getenv("TAMBEK_THREAD_STACKSIZE");
     const int32_t value = text != nullptr ? ezeb_decimal(text) : 0;
-    return value >= MINIMAL_STACKSIZE ? static_cast<uint64_t>(value)
-                                      : static_cast<uint64_t>(DEFAULT_STACKSIZE);
+    return value >= MINIMAL_STACKSIZE ? static_cast<size_t>(value) : static_cast<size_t>(DEFAULT_STACKSIZE);
 }
 
 static bool set_names(ezeb_runtime *rt)

@@ -51,10 +51,15 @@ uint32_t ezeb_bb_namehash(const char *name, size_t length)
     return hash;
 }
 
-/* Memory for a node: of its own, or in ARENA. */
-static void *node_memory(ezeb_arena *arena, size_t size)
+/* Memory for a node and its texts: of its own, or in ARENA. SIZE is a sum that size_t may not hold. */
+template <typename Node>
+static Node *node_memory(ezeb_arena *arena, uint64_t size)
 {
-    return arena != nullptr ? ezeb_arena_alloc(arena, size) : ezeb_malloc(size);
+    if (size > PTRDIFF_MAX)
+        return nullptr;
+    const auto bytes = static_cast<size_t>(size);
+    return static_cast<Node *>(arena != nullptr ? ezeb_arena_alloc(arena, bytes, alignof(Node))
+                                                : ezeb_malloc(bytes));
 }
 
 template <typename Node>
@@ -184,8 +189,8 @@ static void unlink_element(zeb_bb_elemlist *list, zeb_bb_elem *e)
 static zeb_bb_elem *new_element(ezeb_arena *arena, const probe &p, const void *value, int32_t length)
 {
     const auto valuelength = static_cast<size_t>(length);
-    auto *e =
-        static_cast<zeb_bb_elem *>(node_memory(arena, sizeof(zeb_bb_elem) + p.length + 1 + valuelength + 1));
+    const uint64_t texts = static_cast<uint64_t>(p.length) + 1 + valuelength + 1;
+    auto *e = node_memory<zeb_bb_elem>(arena, sizeof(zeb_bb_elem) + texts);
     if (e == nullptr)
         return nullptr;
     e->name = reinterpret_cast<char *>(e + 1);
@@ -282,7 +287,8 @@ const char *ezeb_bb_elem_getvalue(const zeb_bb_elem *element, int32_t *length)
 
 static zeb_bb_seg *new_segment(ezeb_arena *arena, const char *name, size_t namelength)
 {
-    auto *s = static_cast<zeb_bb_seg *>(node_memory(arena, sizeof(zeb_bb_seg) + namelength + 1));
+    const uint64_t text = static_cast<uint64_t>(namelength) + 1;
+    auto *s = node_memory<zeb_bb_seg>(arena, sizeof(zeb_bb_seg) + text);
     if (s == nullptr)
         return nullptr;
     *s = zeb_bb_seg{};
@@ -535,7 +541,7 @@ void *ezeb_bb_block2body(const zeb_bb *block, int32_t *length)
     const uint64_t size = ezeb_bb_encodedsize(block);
     if (size > INT32_MAX)
         return nullptr;
-    auto *body = static_cast<unsigned char *>(ezeb_malloc(size));
+    auto *body = static_cast<unsigned char *>(ezeb_malloc(static_cast<size_t>(size)));
     if (body == nullptr)
         return nullptr;
     *length = static_cast<int32_t>(size);

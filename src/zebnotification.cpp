@@ -571,9 +571,10 @@ static bool read_ids(ezeb_sb *sb, int32_t **ids, int32_t *idcount)
     size_t count = 1;
     for (const char *p = value; (p = strchr(p, ';')) != nullptr; p++)
         count++;
-    if (count > INT32_MAX)
+    size_t size;
+    if (count > INT32_MAX || __builtin_mul_overflow(count, sizeof(int32_t), &size))
         return false;
-    *ids = static_cast<int32_t *>(ezeb_malloc(count * sizeof(int32_t)));
+    *ids = static_cast<int32_t *>(ezeb_malloc(size));
     if (*ids == nullptr)
         return false;
     *idcount = static_cast<int32_t>(count);

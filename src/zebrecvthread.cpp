@@ -354,7 +354,7 @@ static bool read_formfactor(ezeb_runtime *rt, char **bytes, size_t *length)
     struct stat status;
     char *contents = nullptr;
     ssize_t got = -1;
-    if (fstat(fd, &status) == 0 && status.st_size >= 0) {
+    if (fstat(fd, &status) == 0 && status.st_size >= 0 && status.st_size < PTRDIFF_MAX) {
         const auto size = static_cast<size_t>(status.st_size);
         contents = static_cast<char *>(ezeb_malloc(size + 1));
         if (contents != nullptr)

@@ -75,7 +75,7 @@ int32_t ezeb_str2int(const char *s, int32_t *out)
     if (s == nullptr || *s == '\0')
         return 0;
     char *rest;
-    *out = static_cast<int32_t>(strtol(s, &rest, 0));
+    *out = static_cast<int32_t>(strtoll(s, &rest, 0));
     return *rest == '\0';
 }
 
@@ -92,7 +92,7 @@ int32_t ezeb_decimal(const char *s)
     const char *p = s;
     for (; is_digit(*p) && p - s < SURE_TO_FIT; p++)
         value = value * 10 + (*p - '0');
-    return p > s && !is_digit(*p) ? value : static_cast<int32_t>(strtol(s, nullptr, 10));
+    return p > s && !is_digit(*p) ? value : static_cast<int32_t>(strtoll(s, nullptr, 10));
 }
 
 int64_t ezeb_str2ll(const char *s)
@@ -246,8 +246,9 @@ static bool text_room(ezeb_text *text, size_t more)
         return false;
     if (text->capacity - text->length > more)
         return true;
-    const size_t wanted = (text->length + more + 1) * 3 / 2 + 64;
-    char *grown = static_cast<char *>(ezeb_realloc(text->data, wanted));
+    const size_t least = text->length + more + 1;
+    const size_t wanted = least + least / 2 + 64; /* fits where LEAST is no more than an object can have */
+    char *grown = least <= PTRDIFF_MAX ? static_cast<char *>(ezeb_realloc(text->data, wanted)) : nullptr;
     if (grown == nullptr) {
         text->failed = 1;
         return false;
@@ -369,11 +370,11 @@ void ezeb_blockcache_clear(ezeb_blockcache *cache)
 
 /* ---- Arena ---- */
 
-struct ezeb_arena_block {
+/* Aligned so that a new block serves any alignment. */
+struct alignas(max_align_t) ezeb_arena_block {
     ezeb_arena_block *next;
     size_t size; /* of the bytes that follow */
 };
-static_assert(sizeof(ezeb_arena_block) % alignof(max_align_t) == 0, "a new block serves any alignment");
 
 enum { ARENA_STEP = 1024, ARENA_LARGEST_STEP = 65536 };
 

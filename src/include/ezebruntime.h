@@ -27,12 +27,12 @@ void ezeb_sharedtext_unref(ezeb_sharedtext *shared);       /* null is ignored */
 struct ezeb_runtime {
     /* Constant from start-up on. */
     char *home;
-    uint64_t homelen;
+    size_t homelen;
     char *hostname;
     char *hostpid;     /* host name, ':', process id */
     char *ffqualifier; /* never set; with ffqualified 0 it is not looked at */
     uint32_t ffqualified;
-    uint64_t stacksize;
+    size_t stacksize;
     sigset_t callersmask; /* signal mask of the thread that started the runtime */
     int32_t pid;
     uint16_t port;

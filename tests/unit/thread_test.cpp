@@ -157,7 +157,7 @@ TEST(Thread, AStackThatCannotBeHadGivesNoThread)
         GTEST_SKIP() << "sanitizers end the process instead";
     report r;
     pthread_t thread;
-    EXPECT_EQ(ezeb_thread_start(&thread, EZEB_THREAD_SERVICE, size_t{1} << 46, "zeb-test", body, &r), 0);
+    EXPECT_EQ(ezeb_thread_start(&thread, EZEB_THREAD_SERVICE, SIZE_MAX / 4 * 3, "zeb-test", body, &r), 0);
     EXPECT_EQ(r.arg, nullptr);
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);

@@ -542,6 +542,29 @@ TEST(Reading, TheIdentifiersStayWithTheCallerWhenTheReadFailsLater)
     ezeb_sb_free(sb);
 }
 
+/* Their bytes would be 4 GiB and a few, of which a narrow size_t keeps the few. */
+TEST(Reading, MoreIdentifiersThanMemoryCanHoldFail)
+{
+    if (sizeof(size_t) > 4)
+        GTEST_SKIP() << "memory holds them here";
+    unit::sockets pair;
+    ezeb_sb *sb = ezeb_sb_create(pair.near);
+    std::thread daemon([&pair] {
+        pair.send("className: MessageNotification\r\nSubscriberID: ");
+        const std::string separators(1 << 20, ';');
+        for (int i = 0; i < 1 << 10; i++)
+            pair.send(separators);
+        pair.send("\r\n");
+        pair.hangUp();
+    });
+    int32_t *ids = nullptr;
+    int32_t count = 0;
+    EXPECT_EQ(ezeb_notification_read(sb, &ids, &count), nullptr);
+    EXPECT_EQ(ids, nullptr);
+    daemon.join();
+    ezeb_sb_free(sb);
+}
+
 TEST(Reading, LocalOnlyIsSetByTheExactWordTrueAlone)
 {
     for (const char *value : {"TRUE", "True", "1", "", "true ", "false", "yes"})
