@@ -148,6 +148,16 @@ bool is_futex(long number)
 #endif
 }
 
+/* Not a static of the function, whose guard waits by this very call. */
+syscall_function *real_syscall()
+{
+    static std::atomic<syscall_function *> known{nullptr};
+    syscall_function *call = known;
+    if (call == nullptr)
+        known = call = real<syscall_function>("syscall");
+    return call;
+}
+
 /* The library waits by futex. One wait for its caller: only a step of the clock, which wakes it as well,
  * makes it begin anew. */
 long wait_on_the_clock(syscall_function *call, long number, uint32_t *word, long operation, long value,
@@ -176,7 +186,7 @@ long wait_on_the_clock(syscall_function *call, long number, uint32_t *word, long
 /* Takes as many arguments as any call has, though its caller may have given fewer. */
 extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...) noexcept
 {
-    static auto *const call = real<syscall_function>("syscall");
+    syscall_function *const call = real_syscall();
     va_list list;
     va_start(list, number);
     long arguments[6];
