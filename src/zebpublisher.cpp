@@ -65,8 +65,7 @@ static bool stamp(ezeb_runtime *rt, zeb_publisher *publisher, zeb_notification *
 {
     const auto sequence =
         static_cast<int32_t>(__atomic_fetch_add(&publisher->sequence, 1U, __ATOMIC_RELAXED));
-    char *id = static_cast<char *>(
-        ezeb_arena_alloc(&n->strings, strlen(publisher->idPrefix) + EZEB_INT_TEXT, alignof(char)));
+    char *id = ezeb_arena_bytes(&n->strings, strlen(publisher->idPrefix) + EZEB_INT_TEXT);
     if (id == nullptr)
         return false;
     ezeb_int2str(ezeb_addstr(id, publisher->idPrefix), sequence);

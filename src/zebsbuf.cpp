@@ -134,34 +134,18 @@ static bool fill(ezeb_sb *sb)
     return true;
 }
 
-int32_t ezeb_sb_gets(ezeb_sb *sb, char **line)
-{
-    size_t length;
-    return ezeb_sb_getline(sb, line, &length);
-}
-
-int32_t ezeb_sb_getline(ezeb_sb *sb, char **line, size_t *length)
+int32_t ezeb_sb_getlinefar(ezeb_sb *sb, char **line, size_t *length)
 {
     if (!is_valid(sb))
         return 0;
     if (sb->scanned < sb->start)
         sb->scanned = sb->start;
-    char *feed;
-    while ((feed = static_cast<char *>(memchr(sb->buf + sb->scanned, '\n', sb->end - sb->scanned))) ==
-           nullptr) {
+    while (memchr(sb->buf + sb->scanned, '\n', sb->end - sb->scanned) == nullptr) {
         sb->scanned = sb->end;
         if (!is_valid(sb) || !fill(sb))
             return 0;
     }
-    const uint32_t at = static_cast<uint32_t>(feed - sb->buf);
-    const bool cr = at > sb->start && feed[-1] == '\r';
-    char *end = cr ? feed - 1 : feed;
-    *end = '\0';
-    *line = sb->buf + sb->start;
-    *length = static_cast<size_t>(end - *line);
-    sb->start = at + 1;
-    sb->scanned = sb->start;
-    return 1;
+    return ezeb_sb_getline(sb, line, length);
 }
 
 int32_t ezeb_sb_readbytes(ezeb_sb *sb, void *dst, size_t length)

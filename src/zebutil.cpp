@@ -386,7 +386,7 @@ void ezeb_arena_init(ezeb_arena *arena, void *firstblock, size_t size)
 }
 
 /* Blocks double, so that any number of requests costs a few of them. */
-static char *arena_take(ezeb_arena *arena, size_t size)
+char *ezeb_arena_bytes(ezeb_arena *arena, size_t size)
 {
     if (arena->left < size) {
         size_t room = arena->blocks != nullptr ? arena->blocks->size * 2 : static_cast<size_t>(ARENA_STEP);
@@ -418,17 +418,7 @@ void *ezeb_arena_alloc(ezeb_arena *arena, size_t size, size_t alignment)
     } else {
         arena->left = 0;
     }
-    return arena_take(arena, size);
-}
-
-char *ezeb_arena_strndup(ezeb_arena *arena, const char *s, size_t length)
-{
-    char *copy = arena_take(arena, length + 1);
-    if (copy == nullptr)
-        return nullptr;
-    memcpy(copy, s, length);
-    copy[length] = '\0';
-    return copy;
+    return ezeb_arena_bytes(arena, size);
 }
 
 void ezeb_arena_release(ezeb_arena *arena)

@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <new>
 
@@ -98,7 +99,26 @@ struct ezeb_arena {
 void ezeb_arena_init(ezeb_arena *arena, void *firstblock, size_t size);
 /* Or null. ALIGNMENT is a power of two, at most that of malloc. */
 void *ezeb_arena_alloc(ezeb_arena *arena, size_t size, size_t alignment = alignof(void *));
-char *ezeb_arena_strndup(ezeb_arena *arena, const char *s, size_t length); /* with a NUL added; or null */
+
+/* SIZE octets of any alignment, or null. */
+char *ezeb_arena_bytes(ezeb_arena *arena, size_t size);
+
+/* With a NUL added; or null. Inline, as what there is most of in an event. */
+inline char *ezeb_arena_strndup(ezeb_arena *arena, const char *s, size_t length)
+{
+    char *copy = arena->next;
+    if (length >= arena->left) {
+        copy = ezeb_arena_bytes(arena, length + 1);
+        if (copy == nullptr)
+            return nullptr;
+    } else {
+        arena->next += length + 1;
+        arena->left -= length + 1;
+    }
+    memcpy(copy, s, length);
+    copy[length] = '\0';
+    return copy;
+}
 void ezeb_arena_release(ezeb_arena *arena);
 
 #endif
