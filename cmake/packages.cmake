@@ -7,6 +7,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PACKAGE_CONTACT "zeb developers <zeb@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # it would be put before those of the packages
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX}) # which stands in the unit and in zeb.pc
 
 # What a package needs of the system is found by the libraries it is linked with. Those that need our own library say so
 # below: while the packages are made, none that the system knows holds it.
