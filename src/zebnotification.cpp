@@ -386,8 +386,8 @@ int32_t ezeb_notification_set_pubinfo(zeb_notification *n, const char *component
     n->id = id;
     n->creationTime = -1;
     n->subscriberId = subscriberId;
-    if (n->generatingNode != nullptr && n->generatingProcess != nullptr)
-        n->generatingComponent = keep(n, component); /* last: it is what tells a stamped notification */
+    const bool complete = n->generatingNode != nullptr && n->generatingProcess != nullptr;
+    n->generatingComponent = complete ? keep(n, component) : nullptr; /* what tells a stamped notification */
     return n->generatingComponent != nullptr;
 }
 

@@ -483,6 +483,18 @@ TEST(Util, ABlockCacheThatIsInUseIsPassedBy)
     EXPECT_EQ(cache.first, nullptr);
 }
 
+/* The allocator would end the process as well; kept twice, one block would become two notifications. */
+TEST(UtilDeathTest, ABlockGivenBackTwiceEndsTheProcess)
+{
+    if (MOST_IDLE == 0)
+        GTEST_SKIP() << "nothing is kept in this build";
+    ezeb_blockcache cache = {};
+    void *block = ezeb_blockcache_take(&cache, 64);
+    ezeb_blockcache_give(&cache, block);
+    EXPECT_DEATH(ezeb_blockcache_give(&cache, block), "");
+    ezeb_blockcache_clear(&cache);
+}
+
 TEST(Util, ABlockCacheRefusesAsTheAllocatorDoes)
 {
     ezeb_blockcache cache = {};
