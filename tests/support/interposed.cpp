@@ -83,6 +83,13 @@ timespec unset(const timespec &deadline, int64_t offset)
     return real;
 }
 
+/* A child must not find the lock held by a thread that it does not have. Before any handler of the library's,
+ * so that this lock is taken after the library's own, as it is elsewhere. */
+[[gnu::constructor]] void hold_across_forks()
+{
+    pthread_atfork([] { lock.lock(); }, [] { lock.unlock(); }, [] { lock.unlock(); });
+}
+
 template <typename Function>
 Function *real(const char *name)
 {
